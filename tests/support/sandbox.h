@@ -1,0 +1,33 @@
+// The sandbox every test binary runs in: the library writes fixed absolute
+// paths (/conf, /var, /etc/init.d, reboot), so nothing of it may run on the
+// host.  main() calls enterSandbox() first; it re-executes the binary inside
+// bubblewrap (or returns at once when already inside).
+#pragma once
+
+#include <string>
+
+namespace brask::test {
+
+// Log of the stub init scripts and the stub `reboot`: one line per call,
+// "<script name> <arguments>" (for example "kvm_servers stop", "reboot").
+inline constexpr char kCommandLog[] = "/var/log/sandbox-commands.log";
+// The firmware information file the stub /proc carries.
+inline constexpr char kFwInfoFile[] = "/proc/ractrends/Helper/FwInfo";
+
+// Re-executes argv inside the sandbox and exits with its status; returns only
+// inside the sandbox.  Exits non-zero with a reason when bubblewrap is missing.
+void enterSandbox(int argc, char** argv);
+bool insideSandbox();
+
+// Empties /conf and /var and lays out the starting tree (/conf/brask,
+// /conf/BMC1, /var/brask, /var/log, /var/hsl with hostPlatformInit()).
+// Called before every test case by the runner.
+void resetState();
+
+// True when chown to other ids works here (root without a user namespace).
+bool canChown();
+
+// Reads the whole command log ("" when none).
+std::string commandLog();
+
+}  // namespace brask::test
