@@ -1,0 +1,111 @@
+// Side-effect-free knowledge of the archive block and backup file formats.
+//
+// Every read of outside bytes goes through ByteCursor, which cannot read past
+// the span it was given; decoders return a Status instead of trusting a
+// length or offset from the file.  The file-bound operations, svfdump and the
+// fuzzers all decode through here.  All integers are little-endian.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+#include "BraskSvf/svfTypes.h"
+
+namespace brask::format {
+
+using Bytes = std::span<const std::uint8_t>;
+
+// ---- Sizes fixed by the formats ---------------------------------------------
+inline constexpr std::size_t kArchiveHeaderSize = 8;
+inline constexpr std::size_t kArchiveEntryInfoSize = 20;
+inline constexpr std::size_t kBackupHeaderSize = 96;
+inline constexpr std::size_t kBlockInfoSize = 16;
+inline constexpr std::uint8_t kArchiveVersion = 1;
+inline constexpr std::uint8_t kBackupVersion = 1;
+inline constexpr std::uint8_t kBackupDataRev = 0;
+// Stored names are copied into 152-byte buffers with a terminating NUL.
+inline constexpr std::size_t kMaxStoredNameLength = SVF_FILE_PASS_SIZE - 1;
+
+// Header size of a backup file with `numOfBlock` blocks: (n + 6) * 16.
+constexpr std::size_t backupHeaderAreaSize(unsigned numOfBlock) {
+    return (static_cast<std::size_t>(numOfBlock) + 6u) * 16u;
+}
+// InheritanceType written for block i: 7, 6, then 2.
+constexpr std::uint8_t inheritanceTypeFor(unsigned blockIndex) {
+    return blockIndex == 0 ? 7 : blockIndex == 1 ? 6 : 2;
+}
+
+enum class Status {
+    Ok,
+    Truncated,          // the span ends before the structure does
+    NameTooLong,        // a stored name of 152 bytes or more
+    OffsetBeforeName,   // FileOffset points before the end of its descriptor
+    NegativeSize,       // FileSize or BlockSize below 0
+    DataPastEnd,        // data or a block reaches past the end of the span
+};
+const char* statusText(Status s);
+
+// ---- Bounds-checked reading ---------------------------------------------------
+class ByteCursor {
+public:
+    explicit ByteCursor(Bytes bytes) : bytes_(bytes) {}
+    std::size_t pos() const { return pos_; }
+    std::size_t remaining() const { return bytes_.size() - pos_; }
+    std::size_t size() const { return bytes_.size(); }
+    // Each returns false, and moves nothing, when the bytes are not there.
+    bool seek(std::size_t pos);
+    bool skip(std::size_t n);
+    bool u8(std::uint8_t& v);
+    bool u16(std::uint16_t& v);
+    bool u32(std::uint32_t& v);
+    bool i32(std::int32_t& v);
+    bool take(std::size_t n, Bytes& out);
+    bool copy(void* dst, std::size_t n);
+
+private:
+    Bytes bytes_;
+    std::size_t pos_ = 0;
+};
+
+// ---- Little-endian writing into fixed buffers -------------------------------
+void putU16(std::uint8_t* p, std::uint16_t v);
+void putU32(std::uint8_t* p, std::uint32_t v);
+std::uint16_t getU16(const std::uint8_t* p);
+std::uint32_t getU32(const std::uint8_t* p);
+
+// ---- The additive checksum -----------------------------------------------------
+// Sum of little-endian 32-bit words modulo 2^32; a final group of 1 to 3
+// bytes counts as a word zero-padded at its high end (whole-file mode).
+std::uint32_t wordSum(Bytes bytes, std::uint32_t start = 0);
+// The value that makes the sum 0: (2^32 - sum) mod 2^32.
+constexpr std::uint32_t zeroSumComplement(std::uint32_t sum) { return 0u - sum; }
+
+// ---- Archive block ---------------------------------------------------------------
+struct ArchiveEntry {
+    svfBraskArchiveEntryInfo_T info{};
+    std::size_t entryOffset = 0;  // where the descriptor starts in the block
+    std::string_view name;        // stored name (backup-copy path), no NUL
+    Bytes data;                   // the FileSize data bytes
+    std::size_t nextOffset = 0;   // FileOffset + FileSize: the next entry
+};
+
+Status decodeArchiveHeader(Bytes block, svfBraskArchiveFileHeader_T& out);
+void encodeArchiveHeader(const svfBraskArchiveFileHeader_T& in, std::uint8_t out[kArchiveHeaderSize]);
+// Decodes the entry whose descriptor starts at `offset`, checking the name
+// length, FileOffset against the descriptor, FileSize and the data bounds.
+Status decodeArchiveEntry(Bytes block, std::size_t offset, ArchiveEntry& out);
+void encodeArchiveEntryInfo(const svfBraskArchiveEntryInfo_T& in,
+                            std::uint8_t out[kArchiveEntryInfoSize]);
+
+// ---- Backup file -------------------------------------------------------------------
+Status decodeBackupHeader(Bytes file, svfBraskBackupFileHeader_T& out);
+void encodeBackupHeader(const svfBraskBackupFileHeader_T& in, std::uint8_t out[kBackupHeaderSize]);
+// Descriptor i, read at 96 + 16*i.
+Status decodeBlockInfo(Bytes file, unsigned index, svfBraskBackupFileBlockInfo_T& out);
+void encodeBlockInfo(const svfBraskBackupFileBlockInfo_T& in, std::uint8_t out[kBlockInfoSize]);
+// The block a descriptor locates, refused when negative or past the end.
+Status blockBytes(Bytes file, const svfBraskBackupFileBlockInfo_T& info, Bytes& out);
+
+}  // namespace brask::format
