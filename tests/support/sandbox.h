@@ -27,6 +27,17 @@ void resetState();
 // True when chown to other ids works here (root without a user namespace).
 bool canChown();
 
+// Replaces the firmware information file's content (default
+// "FW_VERSION=2.17\n", restored by resetState); removeFwInfo() deletes it.
+// /proc/ractrends is a link into the writable /run/brask.
+void setFwInfo(const std::string& content);
+void removeFwInfo();
+
+// Descriptors open in this process and lines of its memory map: tests compare
+// them before and after a call to prove nothing was left open or mapped.
+int openDescriptorCount();
+int mappingCount();
+
 // Reads the whole command log ("" when none).
 std::string commandLog();
 
