@@ -1,0 +1,34 @@
+// Choice of catalogue by firmware type, shared by every part of the archive
+// engine so that the rule "non-zero is BMC" lives in one place.
+#pragma once
+
+#include "BraskSvf/svfTypes.h"
+
+namespace brask::catalogue {
+
+// The rows an operation of one firmware type works on, and the backup file
+// that type writes and reads.
+struct Selection {
+    const BackupFileList_T* rows = nullptr;
+    int count = 0;
+    const char* backupFile = nullptr;
+
+    const BackupFileList_T* begin() const { return rows; }
+    const BackupFileList_T* end() const { return rows + count; }
+};
+
+// Any non-zero fwType is BMC (109 rows); 0 is EFI (no rows).
+Selection select(INT8U fwType);
+
+// First row whose FilePass equals activePath, or nullptr; never looks past
+// the last row.
+const BackupFileList_T* find(const Selection& cat, const char* activePath);
+
+// Number of archive blocks a backup of this selection needs: the largest
+// TargetArcBlock plus 1 (1 for no rows), as an 8-bit value.
+INT8U blockCount(const Selection& cat);
+
+// Longest active path that still takes ".bak" inside a 152-byte buffer.
+inline constexpr unsigned kMaxActivePathLength = SVF_FILE_PASS_SIZE - 1 - 4;
+
+}  // namespace brask::catalogue

@@ -1,0 +1,20 @@
+// Internal helpers of the file utilities.
+#pragma once
+
+#include <cstddef>
+
+namespace brask::archive {
+
+// How svfGetFileSum reads: regular files from this size on, outside tmpfs,
+// are summed through read-only mappings of at most one window each (bounded
+// address space on 32-bit targets); anything else is read in blocks.  All are
+// multiples of 4 so that only the end of the data can split a word.
+inline constexpr std::size_t kSumBlockSize = 64 * 1024;
+inline constexpr std::size_t kSumMapThreshold = 1024 * 1024;
+inline constexpr std::size_t kSumMapWindow = 64 * 1024 * 1024;
+
+// Clears all of gTmpStr and formats into it.  False, with gTmpStr left
+// empty, when the text does not fit: a cut command or name is never used.
+bool formatTmpStr(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
+}  // namespace brask::archive

@@ -1,0 +1,254 @@
+// The archive block and backup file formats, decoded and encoded without
+// touching any file.  Unit svfBraskArchiver.
+#include "archive/format.h"
+
+#include <bit>
+#include <cstring>
+
+namespace brask::format {
+
+const char* statusText(Status s) {
+    switch (s) {
+        case Status::Ok: return "ok";
+        case Status::Truncated: return "truncated";
+        case Status::NameTooLong: return "name too long";
+        case Status::OffsetBeforeName: return "data offset inside its descriptor";
+        case Status::NegativeSize: return "negative size";
+        case Status::DataPastEnd: return "data past the end";
+    }
+    return "unknown";
+}
+
+// ---- ByteCursor ------------------------------------------------------------------
+
+bool ByteCursor::seek(std::size_t pos) {
+    if (pos > bytes_.size()) return false;
+    pos_ = pos;
+    return true;
+}
+
+bool ByteCursor::skip(std::size_t n) {
+    if (n > remaining()) return false;
+    pos_ += n;
+    return true;
+}
+
+bool ByteCursor::u8(std::uint8_t& v) {
+    if (remaining() < 1) return false;
+    v = bytes_[pos_++];
+    return true;
+}
+
+bool ByteCursor::u16(std::uint16_t& v) {
+    if (remaining() < 2) return false;
+    v = getU16(bytes_.data() + pos_);
+    pos_ += 2;
+    return true;
+}
+
+bool ByteCursor::u32(std::uint32_t& v) {
+    if (remaining() < 4) return false;
+    v = getU32(bytes_.data() + pos_);
+    pos_ += 4;
+    return true;
+}
+
+bool ByteCursor::i32(std::int32_t& v) {
+    std::uint32_t u = 0;
+    if (!u32(u)) return false;
+    v = static_cast<std::int32_t>(u);
+    return true;
+}
+
+bool ByteCursor::take(std::size_t n, Bytes& out) {
+    if (n > remaining()) return false;
+    out = bytes_.subspan(pos_, n);
+    pos_ += n;
+    return true;
+}
+
+bool ByteCursor::copy(void* dst, std::size_t n) {
+    if (n > remaining()) return false;
+    if (n > 0) std::memcpy(dst, bytes_.data() + pos_, n);
+    pos_ += n;
+    return true;
+}
+
+// ---- Little-endian helpers ---------------------------------------------------------
+
+void putU16(std::uint8_t* p, std::uint16_t v) {
+    p[0] = static_cast<std::uint8_t>(v);
+    p[1] = static_cast<std::uint8_t>(v >> 8);
+}
+
+void putU32(std::uint8_t* p, std::uint32_t v) {
+    p[0] = static_cast<std::uint8_t>(v);
+    p[1] = static_cast<std::uint8_t>(v >> 8);
+    p[2] = static_cast<std::uint8_t>(v >> 16);
+    p[3] = static_cast<std::uint8_t>(v >> 24);
+}
+
+std::uint16_t getU16(const std::uint8_t* p) {
+    return static_cast<std::uint16_t>(p[0] | (p[1] << 8));
+}
+
+std::uint32_t getU32(const std::uint8_t* p) {
+    return std::uint32_t{p[0]} | (std::uint32_t{p[1]} << 8) | (std::uint32_t{p[2]} << 16) |
+           (std::uint32_t{p[3]} << 24);
+}
+
+// ---- Checksum --------------------------------------------------------------------
+
+std::uint32_t wordSum(Bytes bytes, std::uint32_t start) {
+    std::uint32_t sum = start;
+    const std::size_t words = bytes.size() / 4;
+    const std::uint8_t* p = bytes.data();
+    if constexpr (std::endian::native == std::endian::little) {
+        // memcpy keeps the loads alignment-safe and lets the compiler vectorise.
+        for (std::size_t i = 0; i < words; ++i) {
+            std::uint32_t w;
+            std::memcpy(&w, p + 4 * i, 4);
+            sum += w;
+        }
+    } else {
+        for (std::size_t i = 0; i < words; ++i) sum += getU32(p + 4 * i);
+    }
+    const std::size_t tail = bytes.size() % 4;
+    if (tail != 0) {
+        std::uint8_t last[4] = {0, 0, 0, 0};
+        std::memcpy(last, p + 4 * words, tail);
+        sum += getU32(last);
+    }
+    return sum;
+}
+
+// ---- Archive block ---------------------------------------------------------------
+
+Status decodeArchiveHeader(Bytes block, svfBraskArchiveFileHeader_T& out) {
+    ByteCursor c(block);
+    svfBraskArchiveFileHeader_T h{};
+    if (!c.u8(h.Version) || !c.u8(h.Reserve) || !c.u16(h.NumOfEntry) || !c.u32(h.ChkSum)) {
+        return Status::Truncated;
+    }
+    out = h;
+    return Status::Ok;
+}
+
+void encodeArchiveHeader(const svfBraskArchiveFileHeader_T& in, std::uint8_t out[kArchiveHeaderSize]) {
+    out[0] = in.Version;
+    out[1] = in.Reserve;
+    putU16(out + 2, in.NumOfEntry);
+    putU32(out + 4, in.ChkSum);
+}
+
+Status decodeArchiveEntry(Bytes block, std::size_t offset, ArchiveEntry& out) {
+    ByteCursor c(block);
+    svfBraskArchiveEntryInfo_T info{};
+    if (!c.seek(offset) || !c.u32(info.FileOffset) || !c.i32(info.FileSize) ||
+        !c.u32(info.FileUid) || !c.u32(info.FileGid) || !c.u32(info.FilePermission)) {
+        return Status::Truncated;
+    }
+    const std::size_t nameStart = c.pos();
+    if (info.FileOffset < nameStart) return Status::OffsetBeforeName;
+    const std::size_t nameLength = info.FileOffset - nameStart;
+    // The reader copies the name into a 152-byte buffer with its NUL.
+    if (nameLength > kMaxStoredNameLength) return Status::NameTooLong;
+    Bytes name;
+    if (!c.take(nameLength, name)) return Status::Truncated;
+    if (info.FileSize < 0) return Status::NegativeSize;
+    Bytes data;
+    if (!c.take(static_cast<std::size_t>(info.FileSize), data)) return Status::DataPastEnd;
+
+    out.info = info;
+    out.entryOffset = offset;
+    out.name = std::string_view(reinterpret_cast<const char*>(name.data()), name.size());
+    out.data = data;
+    out.nextOffset = c.pos();
+    return Status::Ok;
+}
+
+void encodeArchiveEntryInfo(const svfBraskArchiveEntryInfo_T& in,
+                            std::uint8_t out[kArchiveEntryInfoSize]) {
+    putU32(out, in.FileOffset);
+    putU32(out + 4, static_cast<std::uint32_t>(in.FileSize));
+    putU32(out + 8, in.FileUid);
+    putU32(out + 12, in.FileGid);
+    putU32(out + 16, in.FilePermission);
+}
+
+// ---- Backup file -----------------------------------------------------------------
+
+Status decodeBackupHeader(Bytes file, svfBraskBackupFileHeader_T& out) {
+    ByteCursor c(file);
+    svfBraskBackupFileHeader_T h{};
+    std::uint32_t timeStamp = 0;
+    std::uint32_t chkSum = 0;
+    const bool ok = c.u8(h.Version) && c.u8(h.DataRev) && c.copy(h.Reserve, sizeof h.Reserve) &&
+                    c.copy(h.ModelNumber, sizeof h.ModelNumber) &&
+                    c.copy(h.SerialNumber, sizeof h.SerialNumber) &&
+                    c.copy(h.ModuleType, sizeof h.ModuleType) &&
+                    c.copy(h.Reserve2, sizeof h.Reserve2) && c.copy(h.UUID, sizeof h.UUID) &&
+                    c.u32(timeStamp) && c.u8(h.BmcRev.Major) && c.u8(h.BmcRev.Minor) &&
+                    c.u8(h.EfiRev.Major) && c.u8(h.EfiRev.Minor) && c.u8(h.FwType) &&
+                    c.u8(h.NumOfBlock) && c.u32(chkSum);
+    if (!ok) return Status::Truncated;
+    h.TimeStamp = timeStamp;
+    h.ChkSum = chkSum;
+    out = h;
+    return Status::Ok;
+}
+
+void encodeBackupHeader(const svfBraskBackupFileHeader_T& in, std::uint8_t out[kBackupHeaderSize]) {
+    std::uint8_t* p = out;
+    auto bytes = [&p](const void* src, std::size_t n) {
+        std::memcpy(p, src, n);
+        p += n;
+    };
+    *p++ = in.Version;
+    *p++ = in.DataRev;
+    bytes(in.Reserve, sizeof in.Reserve);
+    bytes(in.ModelNumber, sizeof in.ModelNumber);
+    bytes(in.SerialNumber, sizeof in.SerialNumber);
+    bytes(in.ModuleType, sizeof in.ModuleType);
+    bytes(in.Reserve2, sizeof in.Reserve2);
+    bytes(in.UUID, sizeof in.UUID);
+    putU32(p, in.TimeStamp);
+    p += 4;
+    *p++ = in.BmcRev.Major;
+    *p++ = in.BmcRev.Minor;
+    *p++ = in.EfiRev.Major;
+    *p++ = in.EfiRev.Minor;
+    *p++ = in.FwType;
+    *p++ = in.NumOfBlock;
+    putU32(p, in.ChkSum);
+}
+
+Status decodeBlockInfo(Bytes file, unsigned index, svfBraskBackupFileBlockInfo_T& out) {
+    ByteCursor c(file);
+    svfBraskBackupFileBlockInfo_T b{};
+    const std::size_t at = kBackupHeaderSize + kBlockInfoSize * std::size_t{index};
+    if (!c.seek(at) || !c.u32(b.BlockOffset) || !c.i32(b.BlockSize) || !c.u8(b.CrypticType) ||
+        !c.u8(b.InheritanceType) || !c.copy(b.Reserve, sizeof b.Reserve)) {
+        return Status::Truncated;
+    }
+    out = b;
+    return Status::Ok;
+}
+
+void encodeBlockInfo(const svfBraskBackupFileBlockInfo_T& in, std::uint8_t out[kBlockInfoSize]) {
+    putU32(out, in.BlockOffset);
+    putU32(out + 4, static_cast<std::uint32_t>(in.BlockSize));
+    out[8] = in.CrypticType;
+    out[9] = in.InheritanceType;
+    std::memcpy(out + 10, in.Reserve, sizeof in.Reserve);
+}
+
+Status blockBytes(Bytes file, const svfBraskBackupFileBlockInfo_T& info, Bytes& out) {
+    if (info.BlockSize < 0) return Status::NegativeSize;
+    ByteCursor c(file);
+    if (!c.seek(info.BlockOffset)) return Status::DataPastEnd;
+    if (!c.take(static_cast<std::size_t>(info.BlockSize), out)) return Status::DataPastEnd;
+    return Status::Ok;
+}
+
+}  // namespace brask::format

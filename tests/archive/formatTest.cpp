@@ -1,0 +1,249 @@
+// The format layer: encode/decode round trips and refusal of every malformed
+// or truncated block and backup file.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "archive/format.h"
+
+namespace {
+
+namespace f = brask::format;
+using Bytes = std::vector<std::uint8_t>;
+
+struct Entry {
+    std::string name;
+    Bytes data;
+    std::uint32_t uid = 0, gid = 0, mode = 0100644;
+};
+
+Bytes buildBlock(const std::vector<Entry>& entries) {
+    Bytes block(f::kArchiveHeaderSize);
+    for (const Entry& e : entries) {
+        svfBraskArchiveEntryInfo_T info{};
+        info.FileOffset = static_cast<INT32U>(block.size() + f::kArchiveEntryInfoSize + e.name.size());
+        info.FileSize = static_cast<INT32S>(e.data.size());
+        info.FileUid = e.uid;
+        info.FileGid = e.gid;
+        info.FilePermission = e.mode;
+        std::uint8_t raw[f::kArchiveEntryInfoSize];
+        f::encodeArchiveEntryInfo(info, raw);
+        block.insert(block.end(), raw, raw + sizeof raw);
+        block.insert(block.end(), e.name.begin(), e.name.end());
+        block.insert(block.end(), e.data.begin(), e.data.end());
+    }
+    svfBraskArchiveFileHeader_T h{1, 0, static_cast<INT16U>(entries.size()), 0};
+    f::encodeArchiveHeader(h, block.data());
+    h.ChkSum = f::zeroSumComplement(f::wordSum(block));
+    f::encodeArchiveHeader(h, block.data());
+    return block;
+}
+
+// Decodes a whole block: header and every entry; false on the first refusal.
+bool decodesFully(const Bytes& block) {
+    svfBraskArchiveFileHeader_T h{};
+    if (f::decodeArchiveHeader(block, h) != f::Status::Ok) return false;
+    std::size_t p = f::kArchiveHeaderSize;
+    for (unsigned i = 0; i < h.NumOfEntry; ++i) {
+        f::ArchiveEntry e;
+        if (f::decodeArchiveEntry(block, p, e) != f::Status::Ok) return false;
+        p = e.nextOffset;
+    }
+    return true;
+}
+
+TEST(FormatLayer, EmptyBlockBytes) {
+    EXPECT_EQ(buildBlock({}), (Bytes{0x01, 0x00, 0x00, 0x00, 0xFF, 0xFF, 0xFF, 0xFF}));
+}
+
+TEST(FormatLayer, EntryRoundTripOfRandomEntries) {
+    std::mt19937 rng(99);
+    for (int round = 0; round < 200; ++round) {
+        std::vector<Entry> entries(rng() % 5);
+        for (Entry& e : entries) {
+            e.name = "/conf/" + std::string(rng() % 140, 'n') + ".bak";
+            e.data.resize(rng() % 300);
+            for (auto& b : e.data) b = static_cast<std::uint8_t>(rng());
+            e.uid = rng();
+            e.gid = rng();
+            e.mode = rng();
+        }
+        const Bytes block = buildBlock(entries);
+        EXPECT_EQ(f::wordSum(block), 0u);
+        svfBraskArchiveFileHeader_T h{};
+        ASSERT_EQ(f::decodeArchiveHeader(block, h), f::Status::Ok);
+        ASSERT_EQ(h.NumOfEntry, entries.size());
+        std::size_t p = f::kArchiveHeaderSize;
+        for (const Entry& e : entries) {
+            f::ArchiveEntry d;
+            ASSERT_EQ(f::decodeArchiveEntry(block, p, d), f::Status::Ok);
+            EXPECT_EQ(d.entryOffset, p);
+            EXPECT_EQ(d.name, e.name);
+            EXPECT_EQ(Bytes(d.data.begin(), d.data.end()), e.data);
+            EXPECT_EQ(d.info.FileUid, e.uid);
+            EXPECT_EQ(d.info.FileGid, e.gid);
+            EXPECT_EQ(d.info.FilePermission, e.mode);
+            std::uint8_t again[f::kArchiveEntryInfoSize];
+            f::encodeArchiveEntryInfo(d.info, again);
+            EXPECT_EQ(0, std::memcmp(again, block.data() + p, sizeof again));
+            p = d.nextOffset;
+        }
+        EXPECT_EQ(p, block.size());
+    }
+}
+
+TEST(FormatLayer, EveryTruncatedBlockIsRefused) {
+    const Bytes block = buildBlock({{"/conf/a.bak", {1, 2, 3}}, {"/conf/ab.bak", {}},
+                                    {"/conf/brask/net.cfg.bak", Bytes(40, 9)}});
+    ASSERT_TRUE(decodesFully(block));
+    for (std::size_t n = 0; n < block.size(); ++n) {
+        const Bytes cut(block.begin(), block.begin() + n);
+        EXPECT_FALSE(decodesFully(cut)) << "length " << n;
+    }
+}
+
+struct EntryFault {
+    const char* name;
+    std::uint32_t fileOffset;  // relative to the end of the descriptor
+    std::int32_t fileSize;
+    std::size_t blockBytesAfterDescriptor;
+    f::Status expected;
+};
+
+TEST(FormatLayer, MalformedEntriesAreRefused) {
+    const std::vector<EntryFault> cases = {
+        {"name of 151 bytes", 151, 0, 151, f::Status::Ok},
+        {"name of 152 bytes", 152, 0, 152, f::Status::NameTooLong},
+        {"huge name length", 0xFFFFFFF0u - 28, 0, 16, f::Status::NameTooLong},
+        {"data offset inside the descriptor", static_cast<std::uint32_t>(-1), 0, 8,
+         f::Status::OffsetBeforeName},
+        {"negative size", 4, -1, 16, f::Status::NegativeSize},
+        {"data past the end", 4, 13, 16, f::Status::DataPastEnd},
+        {"data up to the end", 4, 12, 16, f::Status::Ok},
+        {"name past the end", 20, 0, 10, f::Status::Truncated},
+    };
+    for (const EntryFault& c : cases) {
+        SCOPED_TRACE(c.name);
+        Bytes block(8 + 20 + c.blockBytesAfterDescriptor, 'x');
+        svfBraskArchiveEntryInfo_T info{};
+        info.FileOffset = 8 + 20 + c.fileOffset;
+        info.FileSize = c.fileSize;
+        f::encodeArchiveEntryInfo(info, block.data() + 8);
+        f::ArchiveEntry e;
+        EXPECT_EQ(f::decodeArchiveEntry(block, 8, e), c.expected);
+    }
+    f::ArchiveEntry e;
+    EXPECT_EQ(f::decodeArchiveEntry(Bytes(30), 31, e), f::Status::Truncated);
+    EXPECT_EQ(f::decodeArchiveEntry(Bytes(27), 8, e), f::Status::Truncated);
+}
+
+Bytes buildBackup(const std::vector<Bytes>& blocks) {
+    const std::size_t h = f::backupHeaderAreaSize(static_cast<unsigned>(blocks.size()));
+    Bytes file(h);
+    svfBraskBackupFileHeader_T header{};
+    header.Version = 1;
+    std::memcpy(header.ModelNumber, "MODEL", 5);
+    std::memcpy(header.SerialNumber, "SERIAL", 6);
+    header.ModuleType[0] = 3;
+    header.UUID[15] = 0x42;
+    header.TimeStamp = 0x01020304;
+    header.BmcRev = {2, 17};
+    header.EfiRev = {5, 3};
+    header.FwType = 1;
+    header.NumOfBlock = static_cast<INT8U>(blocks.size());
+    for (std::size_t i = 0; i < blocks.size(); ++i) {
+        svfBraskBackupFileBlockInfo_T info{};
+        info.BlockOffset = static_cast<INT32U>(file.size());
+        info.BlockSize = static_cast<INT32S>(blocks[i].size());
+        info.InheritanceType = f::inheritanceTypeFor(static_cast<unsigned>(i));
+        f::encodeBlockInfo(info, file.data() + 96 + 16 * i);
+        file.insert(file.end(), blocks[i].begin(), blocks[i].end());
+    }
+    f::encodeBackupHeader(header, file.data());
+    header.ChkSum = f::zeroSumComplement(f::wordSum(f::Bytes(file.data(), h)));
+    f::encodeBackupHeader(header, file.data());
+    return file;
+}
+
+bool backupDecodesFully(const Bytes& file) {
+    svfBraskBackupFileHeader_T h{};
+    if (f::decodeBackupHeader(file, h) != f::Status::Ok) return false;
+    for (unsigned i = 0; i < h.NumOfBlock; ++i) {
+        svfBraskBackupFileBlockInfo_T info{};
+        f::Bytes block;
+        if (f::decodeBlockInfo(file, i, info) != f::Status::Ok ||
+            f::blockBytes(file, info, block) != f::Status::Ok ||
+            !decodesFully(Bytes(block.begin(), block.end()))) {
+            return false;
+        }
+    }
+    return true;
+}
+
+TEST(FormatLayer, BackupHeaderRoundTripAndLayout) {
+    const Bytes file = buildBackup({buildBlock({}), buildBlock({{"/conf/a.bak", {1, 2, 3}}})});
+    EXPECT_EQ(f::wordSum(f::Bytes(file.data(), 128)), 0u);
+    // TimeStamp little-endian at 82, revisions, type and count at 86..91.
+    EXPECT_EQ(Bytes(file.begin() + 82, file.begin() + 92),
+              (Bytes{0x04, 0x03, 0x02, 0x01, 2, 17, 5, 3, 1, 2}));
+    svfBraskBackupFileHeader_T h{};
+    ASSERT_EQ(f::decodeBackupHeader(file, h), f::Status::Ok);
+    std::uint8_t again[96];
+    f::encodeBackupHeader(h, again);
+    EXPECT_EQ(0, std::memcmp(again, file.data(), 96));
+    EXPECT_EQ(h.TimeStamp, 0x01020304u);
+    svfBraskBackupFileBlockInfo_T b1{};
+    ASSERT_EQ(f::decodeBlockInfo(file, 1, b1), f::Status::Ok);
+    EXPECT_EQ(b1.BlockOffset, 136u);
+    EXPECT_EQ(b1.InheritanceType, 6);
+    std::uint8_t raw[16];
+    f::encodeBlockInfo(b1, raw);
+    EXPECT_EQ(0, std::memcmp(raw, file.data() + 112, 16));
+}
+
+TEST(FormatLayer, EveryTruncatedBackupIsRefused) {
+    const Bytes file = buildBackup({buildBlock({}), buildBlock({{"/conf/a.bak", {1, 2, 3}}}),
+                                    buildBlock({{"/conf/b.bak", {}}})});
+    ASSERT_TRUE(backupDecodesFully(file));
+    for (std::size_t n = 0; n < file.size(); ++n) {
+        EXPECT_FALSE(backupDecodesFully(Bytes(file.begin(), file.begin() + n))) << "length " << n;
+    }
+}
+
+TEST(FormatLayer, BlockDescriptorsOutsideTheFileAreRefused) {
+    const Bytes file(200);
+    f::Bytes out;
+    const struct {
+        std::uint32_t offset;
+        std::int32_t size;
+        f::Status expected;
+    } cases[] = {{112, 88, f::Status::Ok},          {112, 89, f::Status::DataPastEnd},
+                 {201, 0, f::Status::DataPastEnd},  {0xFFFFFFFFu, 8, f::Status::DataPastEnd},
+                 {112, -8, f::Status::NegativeSize}, {200, 0, f::Status::Ok}};
+    for (const auto& c : cases) {
+        svfBraskBackupFileBlockInfo_T info{};
+        info.BlockOffset = c.offset;
+        info.BlockSize = c.size;
+        EXPECT_EQ(f::blockBytes(file, info, out), c.expected) << c.offset << "+" << c.size;
+    }
+}
+
+TEST(FormatLayer, CursorNeverMovesOnAFailedRead) {
+    const Bytes b = {1, 2, 3};
+    f::ByteCursor c(b);
+    std::uint32_t v = 0;
+    EXPECT_FALSE(c.u32(v));
+    EXPECT_EQ(c.pos(), 0u);
+    std::uint16_t w = 0;
+    EXPECT_TRUE(c.u16(w));
+    EXPECT_EQ(w, 0x0201);
+    EXPECT_FALSE(c.skip(2));
+    EXPECT_FALSE(c.seek(4));
+    EXPECT_TRUE(c.seek(3));
+    EXPECT_EQ(c.remaining(), 0u);
+}
+
+}  // namespace
