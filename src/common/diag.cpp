@@ -15,7 +15,8 @@ constexpr size_t kLineMax = 2048;
 
 enum class Eol { AddIfMissing, Never };
 
-void emit(int fd, FILE* stream, const char* head, const char* fmt, va_list ap, Eol eol) {
+__attribute__((format(printf, 4, 0))) void emit(int fd, FILE* stream, const char* head,
+                                               const char* fmt, va_list ap, Eol eol) {
     const int savedErrno = errno;  // callers log errno and may use it afterwards
     char line[kLineMax];
     size_t len = 0;
@@ -37,10 +38,10 @@ void emit(int fd, FILE* stream, const char* head, const char* fmt, va_list ap, E
     errno = savedErrno;
 }
 
-void emitTagged(int fd, FILE* stream, const char* tagFmt, const char* unit, int line,
+__attribute__((format(printf, 6, 0))) void emitTagged(int fd, FILE* stream, const char* tag, const char* unit, int line,
                 const char* fmt, va_list ap, Eol eol) {
     char head[160];
-    std::snprintf(head, sizeof head, tagFmt, unit, line);
+    std::snprintf(head, sizeof head, "%s%s(%d) : ", tag, unit, line);
     emit(fd, stream, head, fmt, ap, eol);
 }
 
@@ -49,7 +50,7 @@ void emitTagged(int fd, FILE* stream, const char* tagFmt, const char* unit, int 
 void debug(const char* unit, int line, const char* fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
-    emitTagged(STDOUT_FILENO, stdout, "BRASK_DEBUG  : %s(%d) : ", unit, line, fmt, ap,
+    emitTagged(STDOUT_FILENO, stdout, "BRASK_DEBUG  : ", unit, line, fmt, ap,
                Eol::AddIfMissing);
     va_end(ap);
 }
@@ -57,14 +58,14 @@ void debug(const char* unit, int line, const char* fmt, ...) {
 void debugNoEol(const char* unit, int line, const char* fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
-    emitTagged(STDOUT_FILENO, stdout, "BRASK_DEBUG  : %s(%d) : ", unit, line, fmt, ap, Eol::Never);
+    emitTagged(STDOUT_FILENO, stdout, "BRASK_DEBUG  : ", unit, line, fmt, ap, Eol::Never);
     va_end(ap);
 }
 
 void error(const char* unit, int line, const char* fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
-    emitTagged(STDERR_FILENO, stderr, "BRASK_ERR  : %s(%d) : ", unit, line, fmt, ap,
+    emitTagged(STDERR_FILENO, stderr, "BRASK_ERR  : ", unit, line, fmt, ap,
                Eol::AddIfMissing);
     va_end(ap);
 }
@@ -72,7 +73,7 @@ void error(const char* unit, int line, const char* fmt, ...) {
 void error4(const char* unit, int line, const char* fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
-    emitTagged(STDERR_FILENO, stderr, "BRASK_ERR    : %s(%d) : ", unit, line, fmt, ap,
+    emitTagged(STDERR_FILENO, stderr, "BRASK_ERR    : ", unit, line, fmt, ap,
                Eol::AddIfMissing);
     va_end(ap);
 }

@@ -23,6 +23,9 @@ inline constexpr char kInterfacesFile[] = "/conf/interfaces";
 inline constexpr char kBackInterfacesFile[] = "/conf/back_interfaces";
 inline constexpr char kFwInfoFile[] = "/proc/ractrends/Helper/FwInfo";
 
+inline constexpr char kShell[] = "/bin/sh";
+inline constexpr char kKvmServersScript[] = "/etc/init.d/kvm_servers";
+
 // Backup file of a firmware type: non-zero is BMC.
 inline constexpr const char* backupFileFor(unsigned fwType) {
     return fwType != 0 ? kBmcBackupFile : kEfiBackupFile;

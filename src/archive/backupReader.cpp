@@ -1,0 +1,235 @@
+// Validates a received backup file (checksum, format, firmware type, data
+// revision, this server's identity) and splits it into archive-block files;
+// later extracts those blocks one by one under the file semaphore.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "BraskSvf/svfApi.h"
+#include "BraskSvf/svfPlatform.h"
+#include "archive/format.h"
+#include "common/diag.h"
+#include "common/paths.h"
+#include "common/scoped.h"
+
+static constexpr const char kUnit[] = "svfBraskArchiver";
+
+namespace {
+
+using brask::ScopedFile;
+using brask::ScopedMapping;
+namespace format = brask::format;
+namespace paths = brask::paths;
+
+// Results of svfExtractBraskBackupFile.
+constexpr int kFail = -1;
+constexpr int kNoFile = -2;
+constexpr int kChecksum = -4;
+constexpr int kIdentity = -6;
+constexpr int kDataRev = -7;
+constexpr int kFwType = -8;
+constexpr int kFormat = -9;
+
+// "%s-%d": the block files beside the backup file, shared with the writer.
+bool blockFileName(char (&name)[SVF_FILE_PASS_SIZE], const char* backupFile, unsigned block) {
+    std::memset(name, 0, sizeof name);
+    const int n = std::snprintf(name, sizeof name, "%s-%u", backupFile, block);
+    if (n >= 0 && static_cast<std::size_t>(n) >= sizeof name) errno = ENAMETOOLONG;
+    return n > 0 && static_cast<std::size_t>(n) < sizeof name;
+}
+
+// The model and serial number must be this server's, as its FRU reports them.
+int checkIdentity(const svfBraskBackupFileHeader_T& header) {
+    svfBraskBackupFileHeader_T own{};
+    if (svfGetProductIdFru(&own) != 0) {
+        SVF_ERR("svfGetProductIdFru fail(%d)\n", errno);
+        return kFail;
+    }
+    if (std::memcmp(own.ModelNumber, header.ModelNumber, sizeof own.ModelNumber) != 0) {
+        SVF_ERR("ModelNumber Mismatch\n");
+        return kIdentity;
+    }
+    if (std::memcmp(own.SerialNumber, header.SerialNumber, sizeof own.SerialNumber) != 0) {
+        SVF_ERR("SerialNumber Mismatch\n");
+        return kIdentity;
+    }
+    return 0;
+}
+
+// Writes block `index` of the mapped backup file to its own file and checks
+// the block's sum.  The descriptor is checked against the file before the
+// block file is created, so a bad table leaves no stray block file.
+int splitBlock(format::Bytes file, const char* backupFile, unsigned index) {
+    SVF_DEBUG("Block# = %d\n", static_cast<int>(index));
+    char name[SVF_FILE_PASS_SIZE];
+    if (!blockFileName(name, backupFile, index)) {
+        SVF_ERR("Command make fail.(%d)\n", errno);
+        return kFail;
+    }
+    svfBraskBackupFileBlockInfo_T info{};
+    if (format::decodeBlockInfo(file, index, info) != format::Status::Ok) {
+        SVF_ERR("fread fail(%d)\n", errno);
+        return kNoFile;
+    }
+    format::Bytes block;
+    const format::Status st = format::blockBytes(file, info, block);
+    if (st != format::Status::Ok) {
+        SVF_ERR("Block#%d descriptor rejected : %s\n", static_cast<int>(index), format::statusText(st));
+        return kFail;
+    }
+    // A block too short for its own header could never be extracted.
+    svfBraskArchiveFileHeader_T blockHeader{};
+    if (format::decodeArchiveHeader(block, blockHeader) != format::Status::Ok) {
+        SVF_ERR("Block#%d descriptor rejected : %s\n", static_cast<int>(index),
+                format::statusText(format::Status::Truncated));
+        return kFail;
+    }
+
+    ScopedFile out(name, "wb+");
+    if (!out) {
+        SVF_ERR("fopen fail(%d)\n", errno);
+        return kFail;
+    }
+    if (std::fwrite(block.data(), block.size(), 1, out.get()) != 1 ||
+        std::fflush(out.get()) != 0) {
+        SVF_ERR("fwrite fail(%d)\n", errno);
+        return kFail;
+    }
+    if (svfGetFileSum(out.get(), 0) != 0) {
+        SVF_ERR("ChkSum UnMatch\n");
+        return kChecksum;
+    }
+    SVF_DEBUG("ArcBlock#%d Check sum Good\n", static_cast<int>(index));
+    if (out.close() != 0) {
+        SVF_ERR("fwrite fail(%d)\n", errno);
+        return kFail;
+    }
+    return 0;
+}
+
+const char* restoreStartLine(INT8U fwType) {
+    return fwType == BMC_FILE ? "BMC RESTORE START" : "EFI RESTORE START";
+}
+
+}  // namespace
+
+int svfExtractBraskBackupFile(INT8U FwTyep, INT8U RestoreMode, INT8U* NumOfBlock) {
+    if (FwTyep > BMC_FILE || NumOfBlock == nullptr) {
+        SVF_ERR("Parameter Out Of Range\n");
+        return kFail;
+    }
+    SVF_DEBUG("%s", restoreStartLine(FwTyep));
+    const char* backupFile = paths::backupFileFor(FwTyep);
+
+    ScopedFile fp(backupFile, "rb");
+    if (!fp) {
+        SVF_ERR("fopen fail\n");
+        return kNoFile;
+    }
+    std::uint8_t raw[format::kBackupHeaderSize];
+    if (std::fread(raw, sizeof raw, 1, fp.get()) != 1) {
+        SVF_ERR("fread fail(%d)\n", errno);
+        return kNoFile;
+    }
+    svfBraskBackupFileHeader_T header{};
+    (void)format::decodeBackupHeader(format::Bytes(raw, sizeof raw), header);
+
+    const std::size_t headerArea = format::backupHeaderAreaSize(header.NumOfBlock);
+    if (svfGetFileSum(fp.get(), static_cast<INT32U>(headerArea)) != 0) {
+        SVF_ERR("ChkSum not Match\n");
+        return kChecksum;
+    }
+    SVF_DEBUG("Check sum Good");
+    if (header.Version != format::kBackupVersion) {
+        SVF_ERR("Unknown File Format\n");
+        return kFormat;
+    }
+    if (header.FwType != FwTyep) {
+        SVF_ERR("FwTyep not Match\n");
+        return kFwType;
+    }
+    if (FwTyep == BMC_FILE && RestoreMode != N_P_M && header.DataRev != format::kBackupDataRev) {
+        SVF_ERR("Unknown Data Rev\n");
+        return kDataRev;
+    }
+    if (RestoreMode != N_P_M) {
+        const int rc = checkIdentity(header);
+        if (rc != 0) return rc;
+    }
+
+    if (std::fseek(fp.get(), 0, SEEK_END) != 0) {
+        SVF_ERR("fseek fail(%d)\n", errno);
+        return kFail;
+    }
+    const long size = std::ftell(fp.get());
+    if (size < 0) {
+        SVF_ERR("ftell fail(%d)\n", errno);
+        return kFail;
+    }
+    ScopedMapping mapping(::fileno(fp.get()), static_cast<std::size_t>(size));
+    if (!mapping.ok()) {
+        SVF_ERR("mmap fail(%d)\n", errno);
+        return kFail;
+    }
+    const format::Bytes file(mapping.data(), mapping.size());
+
+    unsigned split = 0;
+    for (unsigned i = 0; i < header.NumOfBlock; ++i) {
+        const int rc = splitBlock(file, backupFile, i);
+        if (rc != 0) return rc;
+        ++split;
+        if (RestoreMode == N_P_M) {
+            SVF_DEBUG("N+M Restore Mode");  // another server's backup: block 0 only
+            break;
+        }
+    }
+    *NumOfBlock = static_cast<INT8U>(split);
+    mapping.reset();
+    fp.close();
+    SVF_DEBUG("Separated Blocks OK, #%d\n", static_cast<int>(split));
+    return 0;
+}
+
+int svfExtractBraskArchiveblock(INT8U FwTyep, INT8U NumOfBlock) {
+    SVF_DEBUG("START_svfExtractBraskArchiveblock");
+    if (FwTyep > BMC_FILE) {
+        SVF_ERR("Parameter Out Of Range\n");
+        return -1;
+    }
+    SVF_DEBUG("%s", restoreStartLine(FwTyep));
+    const char* backupFile = paths::backupFileFor(FwTyep);
+
+    for (unsigned i = 0; i < NumOfBlock; ++i) {
+        SVF_DEBUG("Block# = %d\n", static_cast<int>(i));
+        char name[SVF_FILE_PASS_SIZE];
+        if (!blockFileName(name, backupFile, i)) {
+            SVF_ERR("Command make fail.(%d)\n", errno);
+            return -1;
+        }
+        brask::SysvSemaphoreLock lock;
+        if (lock.acquire(paths::kFileSemaphore) != 0) return -1;
+
+        SVF_DEBUG("%s", name);
+        const int rc = svfExtractBraskArchive(FwTyep, name, static_cast<INT8U>(i));
+        if (rc != 0) {
+            SVF_ERR("svfExtractBraskArchive fail(%d)\n", rc);
+            return -1;  // the lock's destructor gives the semaphore back
+        }
+        // The network settings put aside for the restore come back, unless
+        // maintenance mode keeps the live ones.
+        if ((lanCheckMaintenanceMode() & 0xFF) == 0) {
+            ScopedFile probe(paths::kBackInterfacesFile, "r");
+            if (probe) {
+                probe.close();
+                if (std::rename(paths::kBackInterfacesFile, paths::kInterfacesFile) != 0) {
+                    SVF_ERR("svfExtractBraskArchive rename failed\n");
+                }
+            }
+        }
+        if (lock.release() != 0) return -1;
+    }
+    return 0;
+}

@@ -1,0 +1,172 @@
+// Execute Restore Event: a web-console restore of the BMC files is checked,
+// its backup file validated and split, and the restore deferred to the tick
+// (the kill-process countdown) while the KVM servers are stopped.
+#include "command/exeRestoreEvent.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "BraskSvf/svfApi.h"
+#include "BraskSvf/svfPlatform.h"
+#include "command/kvmStopChild.h"
+#include "command/restoreEventCode.h"
+#include "common/diag.h"
+#include "common/paths.h"
+#include "common/scoped.h"
+
+static constexpr const char kUnit[] = "svfOEMExeRestoreEvent";
+
+svfRestoreType_T gRestoreType = {};
+
+namespace brask::restore {
+namespace {
+
+struct ExtractionCode {
+    int result;
+    INT8U completionCode;
+};
+constexpr ExtractionCode kExtractionCodes[] = {
+    {-4, SVF_CC_CHECKSUM_ERROR},
+    {-6, SVF_CC_IDENTITY_MISMATCH},
+    {-7, SVF_CC_UNKNOWN_DATA_REV},
+    {-8, SVF_CC_FW_TYPE_MISMATCH},
+    {-9, SVF_CC_UNKNOWN_FORMAT},
+};
+
+constexpr INT8U kKillProcessTicks = 10;
+
+}  // namespace
+
+INT8U completionCodeForExtraction(int result) {
+    for (const ExtractionCode& c : kExtractionCodes) {
+        if (c.result == result) return c.completionCode;
+    }
+    return SVF_CC_NO_EVENT_OR_FAIL;
+}
+
+}  // namespace brask::restore
+
+int svfOEMExeRestoreEvent(INT8U* pReq, INT8U ReqLen, INT8U* pRes, int BMCInst) {
+    (void)BMCInst;
+    using namespace brask::restore;
+    constexpr int kResLen = sizeof(OEM_ExeRestoreEventRes_T);
+
+    SVF_DEBUG("START");
+    reapKvmServersStop();  // children of earlier restores that have ended
+    pRes[0] = SVF_CC_NORMAL;
+    if (ReqLen != sizeof(OEM_ExeRestoreEventReq_T)) {
+        SVF_ERR("Request Length Error(%d)\n", ReqLen);
+        pRes[0] = SVF_CC_REQ_INV_LEN;
+        return kResLen;
+    }
+    OEM_ExeRestoreEventReq_T req;
+    std::memcpy(&req, pReq, sizeof req);
+    if (req.FileType == EFI_FILE) return kResLen;
+    // Set Backup Event refuses the same field the same way; past this point
+    // a third file type would get an event code outside the restore slots.
+    if (req.FileType > BMC_FILE) {
+        SVF_DEBUG("PARAM_OUT_OF_RANGE");
+        pRes[0] = SVF_CC_PARAM_OUT_OF_RANGE;
+        return kResLen;
+    }
+
+    const bool webConsole = req.Function == BMC_WEB_CONSOLE;
+    const auto addSel = [&](INT8U selClass) {
+        (void)hslAddSEL(SVF_SEL_ARG1, SVF_SEL_ARG2,
+                        restoreEventCode(selClass, req.Function, req.FileType));
+    };
+    if (gRebootAfterRestoreTimer != 0 || gKillProcessAfterFileChkTimer != 0) {
+        SVF_ERR("gRebootAfterRestoreTimer != 0\n");
+        pRes[0] = SVF_CC_NOT_IN_PRESENT_STATE;
+        if (webConsole) {
+            addSel(SEL_CLASS_GENERATED);
+            addSel(SEL_CLASS_FAIL);
+        }
+        return kResLen;
+    }
+
+    INT8U event[sizeof(OEM_GetBackupRestoreEventRes_T)] = {};
+    (void)svfGetBackupRestoreEvent(nullptr, 0, event);
+    if (event[0] != SVF_CC_NORMAL && event[0] != SVF_CC_NO_EVENT_OR_FAIL) {
+        SVF_ERR("svfGetBackupRestoreEvent fail\n");
+        pRes[0] = SVF_CC_NO_EVENT_OR_FAIL;
+        return kResLen;
+    }
+
+    switch (req.Function) {
+        case N_P_M:
+            SVF_DEBUG("Function == N_P_M");
+            SVF_DEBUG_NOEOL("Non Check");
+            return kResLen;
+        case SVP_CONSOL:
+            SVF_DEBUG("Function == SVP_CONSOL");
+            SVF_DEBUG_NOEOL("Non Check");
+            return kResLen;
+        case BMC_WEB_CONSOLE:
+            break;
+        default:
+            SVF_DEBUG("PARAM_OUT_OF_RANGE");
+            pRes[0] = SVF_CC_PARAM_OUT_OF_RANGE;
+            return kResLen;
+    }
+
+    SVF_DEBUG("Function == BMC_WEB_CONSOLE");
+    addSel(SEL_CLASS_GENERATED);
+    // From here on every refusal but the firmware-update one ends with the
+    // failure entry.
+    const auto fail = [&](INT8U completionCode) {
+        pRes[0] = completionCode;
+        addSel(SEL_CLASS_FAIL);
+        return kResLen;
+    };
+
+    if (event[0] == SVF_CC_NORMAL) {
+        SVF_ERR("handle others\n");
+        return fail(SVF_CC_NOT_IN_PRESENT_STATE);
+    }
+    SVF_DEBUG("extern FwUpdateStateFlag = %x\n", FwUpdateStateFlag);
+    if (FwUpdateStateFlag >= 1 && FwUpdateStateFlag <= 8) {
+        SVF_ERR("BMC Busy. Running FwUp.\n");
+        pRes[0] = SVF_CC_NO_EVENT_OR_FAIL;
+        return kResLen;
+    }
+
+    {
+        brask::SysvSemaphoreLock lock;
+        if (lock.acquire(brask::paths::kFileSemaphore) != 0) {
+            SVF_ERR("hslAcquireSysvSemaphore fail\n");
+            return fail(SVF_CC_LOCK_FAIL);
+        }
+        char cmd[2 * SVF_FILE_PASS_SIZE];
+        const int n = std::snprintf(cmd, sizeof cmd, "mv %s %s", brask::paths::kBmcWebBackupFile,
+                                    brask::paths::kBmcBackupFile);
+        if (n < 0 || static_cast<std::size_t>(n) >= sizeof cmd) {
+            SVF_ERR("Command make fail.(%d)\n", errno);
+            (void)lock.release();
+            return fail(SVF_CC_NO_EVENT_OR_FAIL);
+        }
+        SVF_DEBUG("%s", cmd);
+        if (std::system(cmd) != 0) {
+            SVF_ERR("system cmd fail(%d)\n", errno);
+            (void)lock.release();  // nothing else runs while the semaphore is held
+            return fail(SVF_CC_NO_EVENT_OR_FAIL);
+        }
+    }
+
+    INT8U NumOfBlock = 0;
+    const int rc = svfExtractBraskBackupFile(req.FileType, req.Function, &NumOfBlock);
+    SVF_DEBUG("svfExtractBraskBackupFile = %ld\n", static_cast<long>(rc));
+    SVF_DEBUG("NumOfBlock = %d\n", NumOfBlock);
+    if (rc != 0) return fail(completionCodeForExtraction(rc));
+
+    gRestoreType.FileType = req.FileType;
+    gRestoreType.Function = req.Function;
+    gRestoreType.NumOfBlock = NumOfBlock;
+
+    if (startKvmServersStop() < 0) return fail(SVF_CC_NO_EVENT_OR_FAIL);
+    SVF_DEBUG("Set gKillProcessAfterFileChkTimer = 10");
+    gKillProcessAfterFileChkTimer = kKillProcessTicks;
+    return kResLen;
+}

@@ -1,0 +1,119 @@
+// The deferred restore, run by the tick when the kill-process countdown ends:
+// stop the services whose files change, unpack the blocks with the restore
+// flag raised, apply time settings and schedule, report, and start the
+// reboot countdown (also after a failure, so the BMC comes back consistent).
+#include <cerrno>
+#include <cstdlib>
+
+#include "BraskSvf/svfApi.h"
+#include "BraskSvf/svfPlatform.h"
+#include "command/statusAreaLock.h"
+#include "command/restoreEventCode.h"
+#include "common/diag.h"
+
+static constexpr const char kUnit[] = "svfIntervalAutoBackup";
+
+namespace {
+
+constexpr const char* kStopCommands[] = {
+    "/etc/init.d/webgo stop",
+    "/etc/init.d/inetd stop",
+    "/etc/init.d/ssh stop",
+};
+constexpr INT8U kRestoreFlags = 0;  // Mode of svfSetChkBkupRestProcessingFlag
+constexpr INT8U kWebConsoleRebootTicks = 1;
+constexpr INT8U kSvpConsoleRebootTicks = 30;
+
+void addSel(INT8U selClass, INT8U function, INT8U fileType) {
+    (void)hslAddSEL(SVF_SEL_ARG1, SVF_SEL_ARG2,
+                    brask::restore::restoreEventCode(selClass, function, fileType));
+}
+
+// Only a BMC-file restore reboots: at once for the web console, after 30
+// ticks for the SVP console, never for N+M.
+void startRebootCountdown(INT8U fileType, INT8U function) {
+    if (fileType != BMC_FILE) return;
+    INT8U ticks = 0;
+    if (function == BMC_WEB_CONSOLE) ticks = kWebConsoleRebootTicks;
+    if (function == SVP_CONSOL) ticks = kSvpConsoleRebootTicks;
+    if (ticks == 0) return;
+    SVF_DEBUG("Set gRebootAfterRestoreCounte");
+    gRebootAfterRestoreTimer = ticks;
+}
+
+bool setRestoreFlag(INT8U value, INT8U fileType) {
+    const long RetVal = svfSetChkBkupRestProcessingFlag(value, fileType, kRestoreFlags);
+    SVF_DEBUG("svfSetChkBkupRestProcessingFlag = %ld\n", RetVal);
+    if (RetVal < 0) {
+        SVF_ERR("svfSetChkBkupRestProcessingFlag fail\n");
+        return false;
+    }
+    return true;
+}
+
+// Moves the requester's restore slot to completion; false when the lock
+// could not be taken (reported here).
+bool reportCompletion(INT8U function, INT8U fileType) {
+    brask::StatusAreaLock lock;
+    if (!lock.held()) {
+        if (lock.failedStep() == brask::StatusAreaLock::Step::MapArea) {
+            SVF_ERR("failed to get SemiVolatile(%d)\n", lock.error());
+        } else {
+            SVF_ERR("failed to get mutex(%d)\n", lock.error());
+        }
+        return false;
+    }
+    // Restore slot F x 2 + FT; a file type other than BMC counts as EFI.
+    const unsigned index = function * 2u + (fileType == BMC_FILE ? 1u : 0u);
+    if (index >= SVF_BACKUP_SLOT_BASE ||
+        svfSetSvfEvent(&lock.area()->svf.svfStatusList[index], BMC_COMPLETE_SUCCESS) ==
+            SVF_EVENT_REJECTED) {
+        SVF_DEBUG("Status Modify Fail");
+    }
+    return true;
+}
+
+// Each step that can fail; the failure path is shared.
+bool restore(INT8U fileType, INT8U function, INT8U numOfBlock) {
+    if (!setRestoreFlag(1, fileType)) return false;
+
+    const long RetVal = svfExtractBraskArchiveblock(fileType, numOfBlock);
+    SVF_DEBUG("svfExtractBraskArchiveblock = %ld\n", RetVal);
+    if (RetVal < 0) {
+        SVF_ERR("svfExtractBraskArchiveblock fail\n");
+        return false;  // the restore flag stays raised
+    }
+    if (!setRestoreFlag(0, fileType)) return false;
+
+    (void)svfApplyTimeInfo();
+    (void)Svp_update_next_schedule(m_prev_sch_ut_time);
+
+    // The web console follows its restore through the SEL, not the status table.
+    if (function != BMC_WEB_CONSOLE && !reportCompletion(function, fileType)) return false;
+    return true;
+}
+
+}  // namespace
+
+void svfRestoreConfigFile(void) {
+    const INT8U FT = gRestoreType.FileType;
+    const INT8U F = gRestoreType.Function;
+    const INT8U N = gRestoreType.NumOfBlock;
+
+    if (F != N_P_M && FT == BMC_FILE) {
+        SVF_DEBUG("kill process");
+        for (const char* cmd : kStopCommands) {
+            [[maybe_unused]] const int ignored = std::system(cmd);
+        }
+    }
+    if (!restore(FT, F, N)) {
+        SVF_DEBUG("svfRestoreConfigFile Fail");
+        if (F == BMC_WEB_CONSOLE) {
+            addSel(SEL_CLASS_FAIL, F, FT);
+        }
+        startRebootCountdown(FT, F);
+        return;
+    }
+    addSel(SEL_CLASS_SUCCESS, F, FT);
+    startRebootCountdown(FT, F);
+}

@@ -1,0 +1,171 @@
+#include "restoreTestSupport.h"
+
+#include <sys/stat.h>
+
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <sstream>
+
+#include "BraskSvf/hostPlatformControl.h"
+#include "BraskSvf/svfApi.h"
+#include "archive/format.h"
+#include "support/scenario.h"
+
+namespace brask::test {
+namespace fmt = brask::format;
+namespace fs = std::filesystem;
+
+EntrySpec entryFor(const std::string& path, const std::string& content, std::uint32_t mode) {
+    EntrySpec e;
+    e.storedName = path + ".bak";
+    e.data.assign(content.begin(), content.end());
+    e.mode = mode;
+    e.uid = static_cast<std::uint32_t>(::getuid());
+    e.gid = static_cast<std::uint32_t>(::getgid());
+    return e;
+}
+
+ByteVec buildBlock(const std::vector<EntrySpec>& entries) {
+    ByteVec block(fmt::kArchiveHeaderSize, 0);
+    for (const EntrySpec& e : entries) {
+        const std::size_t at = block.size();
+        svfBraskArchiveEntryInfo_T info{};
+        info.FileOffset = e.fileOffset.value_or(
+            static_cast<std::uint32_t>(at + fmt::kArchiveEntryInfoSize + e.storedName.size()));
+        info.FileSize = e.fileSize.value_or(static_cast<std::int32_t>(e.data.size()));
+        info.FileUid = e.uid;
+        info.FileGid = e.gid;
+        info.FilePermission = e.mode;
+        std::uint8_t raw[fmt::kArchiveEntryInfoSize];
+        fmt::encodeArchiveEntryInfo(info, raw);
+        block.insert(block.end(), raw, raw + sizeof raw);
+        block.insert(block.end(), e.storedName.begin(), e.storedName.end());
+        block.insert(block.end(), e.data.begin(), e.data.end());
+    }
+    svfBraskArchiveFileHeader_T header{};
+    header.Version = fmt::kArchiveVersion;
+    header.NumOfEntry = static_cast<std::uint16_t>(entries.size());
+    fmt::encodeArchiveHeader(header, block.data());
+    sealBlock(block);
+    return block;
+}
+
+void sealBlock(ByteVec& block) {
+    fmt::putU32(block.data() + 4, 0);
+    fmt::putU32(block.data() + 4, fmt::zeroSumComplement(fmt::wordSum(block)));
+}
+
+ByteVec buildBackup(const BackupSpec& spec) {
+    svfBraskBackupFileHeader_T header{};
+    if (spec.ownIdentity) {
+        EXPECT_EQ(svfGetProductIdFru(&header), 0);
+    } else {
+        std::memcpy(header.ModelNumber, spec.model.data(),
+                    std::min(spec.model.size(), sizeof header.ModelNumber));
+        std::memcpy(header.SerialNumber, spec.serial.data(),
+                    std::min(spec.serial.size(), sizeof header.SerialNumber));
+    }
+    header.Version = spec.version;
+    header.DataRev = spec.dataRev;
+    header.FwType = spec.fwType;
+    header.NumOfBlock = static_cast<std::uint8_t>(spec.blocks.size());
+    const std::size_t headerArea = fmt::backupHeaderAreaSize(header.NumOfBlock);
+
+    ByteVec file(headerArea, 0);
+    fmt::encodeBackupHeader(header, file.data());
+    std::size_t offset = headerArea;
+    for (std::size_t i = 0; i < spec.blocks.size(); ++i) {
+        svfBraskBackupFileBlockInfo_T info{};
+        info.BlockOffset = static_cast<std::uint32_t>(offset);
+        info.BlockSize = static_cast<std::int32_t>(spec.blocks[i].size());
+        info.InheritanceType = fmt::inheritanceTypeFor(static_cast<unsigned>(i));
+        fmt::encodeBlockInfo(info, file.data() + fmt::kBackupHeaderSize + i * fmt::kBlockInfoSize);
+        offset += spec.blocks[i].size();
+    }
+    for (const ByteVec& b : spec.blocks) file.insert(file.end(), b.begin(), b.end());
+    sealBackup(file);
+    return file;
+}
+
+void sealBackup(ByteVec& file) {
+    const std::size_t headerArea = fmt::backupHeaderAreaSize(file[91]);
+    fmt::putU32(file.data() + 92, 0);
+    const auto area = fmt::Bytes(file.data(), std::min(headerArea, file.size()));
+    fmt::putU32(file.data() + 92, fmt::zeroSumComplement(fmt::wordSum(area)));
+}
+
+ByteVec bmcBackupOf(const std::vector<EntrySpec>& entries) {
+    BackupSpec spec;
+    spec.blocks = {buildBlock({}), buildBlock(entries)};
+    return buildBackup(spec);
+}
+
+TreeSnapshot snapshotTree(const std::string& root) {
+    TreeSnapshot snap;
+    if (!fs::exists(root)) return snap;
+    for (const auto& de : fs::recursive_directory_iterator(root)) {
+        struct stat st {};
+        const std::string path = de.path().string();
+        if (::lstat(path.c_str(), &st) != 0) continue;
+        FileState s;
+        s.mode = st.st_mode;
+        s.uid = st.st_uid;
+        s.gid = st.st_gid;
+        if (S_ISREG(st.st_mode)) {
+            s.size = static_cast<std::uintmax_t>(st.st_size);
+            s.contentHash = std::hash<std::string>{}(readFile(path));
+        }
+        snap[path] = s;
+    }
+    return snap;
+}
+
+std::string diffSnapshots(const TreeSnapshot& before, const TreeSnapshot& after) {
+    std::ostringstream out;
+    for (const auto& [path, state] : before) {
+        auto it = after.find(path);
+        if (it == after.end()) {
+            out << "removed " << path << "\n";
+        } else if (!(it->second == state)) {
+            out << "changed " << path << " (mode " << std::oct << state.mode << "->"
+                << it->second.mode << std::dec << ", size " << state.size << "->"
+                << it->second.size << ")\n";
+        }
+    }
+    for (const auto& [path, state] : after) {
+        if (!before.count(path)) out << "added " << path << "\n";
+    }
+    return out.str();
+}
+
+std::vector<std::uint8_t> selEvents() {
+    hostSelRecord_T records[64];
+    const int n = hostSelRead(records, 64);
+    std::vector<std::uint8_t> events;
+    for (int i = 0; i < n && i < 64; ++i) events.push_back(records[i].EventData);
+    return events;
+}
+
+std::vector<std::string> deleteFirstPaths() {
+    std::vector<std::string> paths;
+    for (const BackupFileList_T& row : BmcBackupFileList) {
+        if (row.RestoreType == RESTORE_DELETE_FIRST) paths.emplace_back(row.FilePass);
+    }
+    return paths;
+}
+
+void RestoreTest::SetUp() {
+    svfIniTimer();
+    hostResetFaults();
+    hostResetCounters();
+    hostSetFwUpdateState(0);
+    hostSetMaintenanceMode(0);
+}
+
+void RestoreTest::TearDown() {
+    svfIniTimer();
+    hostResetFaults();
+}
+
+}  // namespace brask::test

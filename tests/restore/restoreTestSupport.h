@@ -1,0 +1,86 @@
+// Helpers of the restore suite: archive blocks and backup files built with
+// the format layer's encoders (each sealed with a valid checksum unless a
+// test breaks it on purpose), a snapshot of the /conf tree, and a fixture
+// that starts each case with idle countdowns and no injected faults.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "BraskSvf/svfTypes.h"
+
+namespace brask::test {
+
+using ByteVec = std::vector<std::uint8_t>;
+
+struct EntrySpec {
+    std::string storedName;  // as stored: the backup-copy path
+    ByteVec data;
+    std::uint32_t mode = 0100644;
+    std::uint32_t uid = 0;
+    std::uint32_t gid = 0;
+    // Descriptor values that lie about the layout (hostile archives).
+    std::optional<std::uint32_t> fileOffset;
+    std::optional<std::int32_t> fileSize;
+};
+
+// An entry for the active file `path` with ".bak" appended.
+EntrySpec entryFor(const std::string& path, const std::string& content,
+                   std::uint32_t mode = 0100644);
+
+// A whole archive block; its ChkSum makes the block sum to 0.
+ByteVec buildBlock(const std::vector<EntrySpec>& entries);
+// Recomputes the ChkSum of a block after it was changed.
+void sealBlock(ByteVec& block);
+
+struct BackupSpec {
+    std::vector<ByteVec> blocks;
+    std::uint8_t fwType = BMC_FILE;
+    std::uint8_t version = 1;
+    std::uint8_t dataRev = 0;
+    bool ownIdentity = true;  // model and serial of this server's FRU
+    std::string model;        // used when !ownIdentity
+    std::string serial;
+};
+// A backup file: header, block table and blocks, sealed.
+ByteVec buildBackup(const BackupSpec& spec);
+// Recomputes the header checksum after the header or table was changed.
+void sealBackup(ByteVec& file);
+
+// The BMC backup a web-console backup would make from `entries`: an empty
+// block 0 and the entries in block 1.
+ByteVec bmcBackupOf(const std::vector<EntrySpec>& entries);
+
+struct FileState {
+    std::uintmax_t size = 0;
+    mode_t mode = 0;
+    uid_t uid = 0;
+    gid_t gid = 0;
+    std::size_t contentHash = 0;
+    bool operator==(const FileState&) const = default;
+};
+using TreeSnapshot = std::map<std::string, FileState>;
+// Every file, folder and link below `root`: path, size, mode, owner, content hash.
+TreeSnapshot snapshotTree(const std::string& root = "/conf");
+// Describes the differences, "" when equal.
+std::string diffSnapshots(const TreeSnapshot& before, const TreeSnapshot& after);
+
+// The SEL's event data bytes in order.
+std::vector<std::uint8_t> selEvents();
+
+// Every catalogue row with RestoreType 4.
+std::vector<std::string> deleteFirstPaths();
+
+class RestoreTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+};
+
+}  // namespace brask::test

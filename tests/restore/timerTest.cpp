@@ -1,0 +1,162 @@
+// The tick: both countdowns in order, the deferred restore it runs, reboot.
+#include <algorithm>
+#include <functional>
+
+#include "BraskSvf/hostPlatformControl.h"
+#include "BraskSvf/svfApi.h"
+#include "BraskSvf/svfPlatform.h"
+#include "restoreTestSupport.h"
+#include "support/sandbox.h"
+#include "support/scenario.h"
+
+namespace brask::test {
+namespace {
+
+int count(const std::string& log, const std::string& line) {
+    int n = 0;
+    for (std::size_t at = log.find(line); at != std::string::npos; at = log.find(line, at + 1)) ++n;
+    return n;
+}
+int reboots() { return count(commandLog(), "reboot"); }
+bool restoreRan() { return count(commandLog(), "webgo stop") > 0; }
+
+hslSemiVolatileArea_T area() {
+    hslSemiVolatileArea_T a{};
+    EXPECT_EQ(hostSemiVolRead(&a), 0);
+    return a;
+}
+
+TEST_F(RestoreTest, IdleTickDoesNothing) {
+    ::testing::internal::CaptureStdout();
+    svfRestoreTimer();
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+    EXPECT_EQ(commandLog(), "");
+}
+
+TEST_F(RestoreTest, WebConsoleRestoreRunsOnTenthTickAndRebootsInIt) {
+    gRestoreType = {BMC_FILE, BMC_WEB_CONSOLE, 0};
+    gKillProcessAfterFileChkTimer = 10;
+    for (int tick = 1; tick < 10; ++tick) {
+        svfRestoreTimer();
+        ASSERT_FALSE(restoreRan()) << "tick " << tick;
+        EXPECT_EQ(gKillProcessAfterFileChkTimer, 10 - tick);
+    }
+    ::testing::internal::CaptureStdout();
+    svfRestoreTimer();
+    const std::string out = ::testing::internal::GetCapturedStdout();
+    EXPECT_TRUE(restoreRan());
+    EXPECT_EQ(reboots(), 1);
+    EXPECT_EQ(gRebootAfterRestoreTimer, 0);
+    const auto kill = out.find("gKillProcessAfterFileChkTimer = 1\n");
+    const auto reboot = out.find("gRebootAfterRestoreTimer = 1\n");
+    const auto last = out.find("Reboot After Restore");
+    ASSERT_NE(kill, std::string::npos);
+    ASSERT_NE(reboot, std::string::npos);
+    ASSERT_NE(last, std::string::npos);
+    EXPECT_LT(kill, reboot);
+    EXPECT_LT(reboot, last);
+    svfRestoreTimer();
+    EXPECT_EQ(reboots(), 1);
+}
+
+TEST_F(RestoreTest, SvpConsoleRestoreRebootsTwentyNineTicksLater) {
+    gRestoreType = {BMC_FILE, SVP_CONSOL, 0};
+    gKillProcessAfterFileChkTimer = 1;
+    svfRestoreTimer();
+    EXPECT_TRUE(restoreRan());
+    EXPECT_EQ(gRebootAfterRestoreTimer, 29);
+    for (int tick = 1; tick < 29; ++tick) {
+        svfRestoreTimer();
+        ASSERT_EQ(reboots(), 0) << "tick " << tick;
+    }
+    svfRestoreTimer();
+    EXPECT_EQ(reboots(), 1);
+}
+
+TEST_F(RestoreTest, IniTimerDropsPendingRestoreAndReboot) {
+    gRestoreType = {BMC_FILE, BMC_WEB_CONSOLE, 0};
+    gKillProcessAfterFileChkTimer = 5;
+    gRebootAfterRestoreTimer = 7;
+    svfRestoreTimer();
+    svfIniTimer();
+    EXPECT_EQ(gKillProcessAfterFileChkTimer, 0);
+    EXPECT_EQ(gRebootAfterRestoreTimer, 0);
+    for (int tick = 0; tick < 40; ++tick) svfRestoreTimer();
+    EXPECT_FALSE(restoreRan());
+    EXPECT_EQ(reboots(), 0);
+    EXPECT_EQ(gRestoreType.Function, BMC_WEB_CONSOLE);
+}
+
+// ---- The deferred restore ----------------------------------------------------------
+struct DeferredCase {
+    const char* name;
+    svfRestoreType_T pending;
+    std::function<void()> setup;
+    bool stopsServices;
+    INT8U flagAfter;                      // the restore flag of the file type afterwards
+    std::vector<std::uint8_t> sel;
+    INT8U reboot;                         // countdown afterwards
+    int slot;                             // status slot to check, -1 none
+    INT8U slotAfter;
+    bool timeApplied;
+};
+
+void slotState(unsigned index, INT8U state) {
+    hslSemiVolatileArea_T a = area();
+    a.svf.svfStatusList[index] = state;
+    ASSERT_EQ(hostSemiVolWrite(&a), 0);
+}
+
+const DeferredCase kDeferred[] = {
+    {"WebBmcSuccess", {1, 2, 0}, [] {}, true, 0, {0x25}, 1, 5, ST_NOTHING, true},
+    {"WebBmcUnpackFails", {1, 2, 1}, [] {}, true, 1, {0x35}, 1, -1, 0, false},
+    {"WebEfi", {0, 2, 0}, [] {}, false, 0, {0x24}, 0, -1, 0, true},
+    {"SvpBmcProcessing", {1, 1, 0}, [] { slotState(3, ST_PROCESSING); }, true, 0, {0x23}, 30, 3,
+     ST_COMPLETION, true},
+    {"SvpBmcNotStarted", {1, 1, 0}, [] {}, true, 0, {0x23}, 30, 3, ST_FAIL, true},
+    {"NplusMBmc", {1, 0, 0}, [] { slotState(1, ST_PROCESSING); }, false, 0, {0x21}, 0, 1,
+     ST_COMPLETION, true},
+    {"SvpBmcNoMutex", {1, 1, 0},
+     [] { hostFailCall("hslCreateMutex", 2, 1, ENOMEM); },  // the flag takes the first two
+     true, 0, {}, 30, -1, 0, true},
+    {"WebBmcFlagFails", {1, 2, 0}, [] { hostFailCall("hslCreateMutex", 0, 1, ENOMEM); }, true, 0,
+     {0x35}, 1, -1, 0, false},
+};
+
+class DeferredRestore : public RestoreTest, public ::testing::WithParamInterface<DeferredCase> {};
+
+TEST_P(DeferredRestore, FollowsItsPath) {
+    const DeferredCase& c = GetParam();
+    c.setup();
+    gRestoreType = c.pending;
+    const int timeCalls = hostApplyTimeInfoCount();
+    const int scheduleCalls = hostUpdateScheduleCount();
+    svfRestoreConfigFile();
+    const std::string log = commandLog();
+    EXPECT_EQ(count(log, "webgo stop") + count(log, "inetd stop") + count(log, "ssh stop"),
+              c.stopsServices ? 3 : 0);
+    if (c.stopsServices) {
+        EXPECT_LT(log.find("webgo stop"), log.find("inetd stop"));
+        EXPECT_LT(log.find("inetd stop"), log.find("ssh stop"));
+    }
+    const hslSemiVolatileArea_T a = area();
+    EXPECT_EQ(c.pending.FileType == BMC_FILE ? a.svfAutoBack.BmcRestoreFlag
+                                             : a.svfAutoBack.EfiRestoreFlag,
+              c.flagAfter);
+    EXPECT_EQ(selEvents(), c.sel);
+    EXPECT_EQ(gRebootAfterRestoreTimer, c.reboot);
+    if (c.slot >= 0) {
+        EXPECT_EQ(a.svf.svfStatusList[c.slot], c.slotAfter);
+    }
+    EXPECT_EQ(hostApplyTimeInfoCount() - timeCalls, c.timeApplied ? 1 : 0);
+    EXPECT_EQ(hostUpdateScheduleCount() - scheduleCalls, c.timeApplied ? 1 : 0);
+    if (c.timeApplied) {
+        EXPECT_EQ(hostLastScheduleArgument(), m_prev_sch_ut_time);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Paths, DeferredRestore, ::testing::ValuesIn(kDeferred),
+                         [](const auto& p) { return std::string(p.param.name); });
+
+}  // namespace
+}  // namespace brask::test
