@@ -5,12 +5,18 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <ftw.h>
+#include <linux/magic.h>
+#include <sys/ipc.h>
+#include <sys/mount.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -20,14 +26,33 @@
 #include <vector>
 
 #include "BraskSvf/hostPlatformControl.h"
+#include "BraskSvf/svfApi.h"
+#include "common/scoped.h"
 
 namespace brask::test {
 namespace {
 
 constexpr char kInsideEnv[] = "BRASK_SANDBOX";
+constexpr char kKeepEnv[] = "BRASK_KEEP_SANDBOX";
 constexpr char kRunDir[] = "/run/brask";
 constexpr char kFwInfoReal[] = "/run/brask/ractrends/Helper/FwInfo";
 constexpr char kDefaultFwInfo[] = "FW_VERSION=2.17\n";
+constexpr char kSandboxPath[] = "/sandbox/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+
+// What root inside may do: own files for other ids (chown tests), mount a
+// small tmpfs over a state folder (disk-full tests), signal and trace its own
+// children (LeakSanitizer).  Rebooting, loading modules, raw I/O, time and
+// network administration stay out of reach.
+constexpr const char* kCapabilities[] = {
+    "CAP_CHOWN",  "CAP_DAC_OVERRIDE", "CAP_DAC_READ_SEARCH", "CAP_FOWNER",     "CAP_FSETID",
+    "CAP_KILL",   "CAP_SETGID",       "CAP_SETUID",          "CAP_IPC_OWNER",  "CAP_SYS_ADMIN",
+    "CAP_SYS_PTRACE"};
+
+// What sanitizers, gtest and the tests read from procfs; the rest of /proc
+// is the stub tree.
+constexpr const char* kProcEntries[] = {"self",  "thread-self", "meminfo", "cpuinfo",
+                                        "stat",  "sys",         "mounts",  "filesystems",
+                                        "uptime", "loadavg"};
 
 [[noreturn]] void die(const char* what) {
     std::fprintf(stderr, "sandbox: %s: %s\n", what, std::strerror(errno));
@@ -50,22 +75,74 @@ void makeDirs(const std::string& path) {
     }
 }
 
-int removeEntry(const char* path, const struct stat*, int, struct FTW*) {
-    ::remove(path);
-    return 0;
+// Removes everything below the open directory `dir`.  A test may leave a
+// folder at mode 0000 or a tmpfs mounted inside, so a folder's mode is widened
+// before it is entered and a mount is detached rather than descended into.
+// Symbolic links are removed, never followed.
+void clearDirectoryAt(int dir, const std::string& path, dev_t dev) {
+    std::vector<std::string> names;
+    {
+        ScopedFd listFd(::dup(dir));
+        DIR* d = listFd ? ::fdopendir(listFd.get()) : nullptr;
+        if (d == nullptr) return;
+        listFd.release();
+        while (dirent* e = ::readdir(d)) {
+            if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0)
+                names.emplace_back(e->d_name);
+        }
+        ::closedir(d);
+    }
+    for (const std::string& name : names) {
+        const std::string child = path + "/" + name;
+        struct stat st{};
+        if (::fstatat(dir, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+        if (st.st_dev != dev) {
+            if (::umount2(child.c_str(), MNT_DETACH) != 0 ||
+                ::fstatat(dir, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 || st.st_dev != dev) {
+                std::fprintf(stderr, "sandbox: cannot detach the mount at %s\n", child.c_str());
+                continue;
+            }
+        }
+        if (S_ISDIR(st.st_mode)) {
+            ::fchmodat(dir, name.c_str(), 0700, 0);
+            ScopedFd sub(::openat(dir, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+            if (sub) clearDirectoryAt(sub.get(), child, dev);
+            ::unlinkat(dir, name.c_str(), AT_REMOVEDIR);
+        } else {
+            ::unlinkat(dir, name.c_str(), 0);
+        }
+    }
 }
 
 // Empties a directory without removing it (it may be a mount point).
 void emptyDir(const std::string& dir) {
-    DIR* d = ::opendir(dir.c_str());
-    if (d == nullptr) return;
-    std::vector<std::string> names;
-    while (dirent* e = ::readdir(d)) {
-        if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0)
-            names.emplace_back(dir + "/" + e->d_name);
+    ScopedFd fd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat st{};
+    if (!fd || ::fstat(fd.get(), &st) != 0) return;
+    clearDirectoryAt(fd.get(), dir, st.st_dev);
+}
+
+void removeTree(const std::string& dir) {
+    emptyDir(dir);
+    if (::rmdir(dir.c_str()) != 0)
+        std::fprintf(stderr, "sandbox: cannot remove %s: %s\n", dir.c_str(), std::strerror(errno));
+}
+
+// System V objects outlive the test case that made them; a semaphore left
+// taken would block the next case whose key happens to match.
+void removeIpcObjects() {
+    semid_ds semInfo{};
+    const int maxSem = ::semctl(0, 0, SEM_INFO, &semInfo);
+    for (int i = 0; i <= maxSem; ++i) {
+        const int id = ::semctl(i, 0, SEM_STAT, &semInfo);
+        if (id >= 0) ::semctl(id, 0, IPC_RMID);
     }
-    ::closedir(d);
-    for (const auto& n : names) ::nftw(n.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
+    shmid_ds shmInfo{};
+    const int maxShm = ::shmctl(0, SHM_INFO, &shmInfo);
+    for (int i = 0; i <= maxShm; ++i) {
+        const int id = ::shmctl(i, SHM_STAT, &shmInfo);
+        if (id >= 0) ::shmctl(id, IPC_RMID, nullptr);
+    }
 }
 
 std::string hostLink(const char* path) {
@@ -81,16 +158,85 @@ void writeText(const char* path, const std::string& content) {
     out << content;
 }
 
+bool startsWithDir(const std::string& path, const std::string& dir) {
+    return path.compare(0, dir.size(), dir) == 0 &&
+           (path.size() == dir.size() || path[dir.size()] == '/');
+}
+
+// The sandbox process, so that a terminating signal sent to us (Ctrl-C, a
+// test timeout) takes it down and still lets us remove the state directory.
+volatile sig_atomic_t gSandboxPid = 0;
+volatile sig_atomic_t gCaughtSignal = 0;
+
+void forwardSignal(int sig) {
+    gCaughtSignal = sig;
+    if (gSandboxPid > 0) ::kill(static_cast<pid_t>(gSandboxPid), SIGKILL);
+}
+
+std::vector<std::string> bwrapArguments(const char* bwrap, const std::string& state,
+                                        const std::string& exe, char** argv) {
+    std::vector<std::string> a = {bwrap, "--die-with-parent", "--unshare-pid", "--unshare-ipc",
+                                  "--unshare-uts", "--unshare-net", "--hostname", "bmc-sandbox"};
+    // As root no user namespace, so chown to other ids works for real.
+    if (::geteuid() != 0) a.push_back("--unshare-user");
+    a.insert(a.end(), {"--cap-drop", "ALL"});
+    for (const char* cap : kCapabilities) a.insert(a.end(), {"--cap-add", cap});
+
+    a.insert(a.end(), {"--ro-bind", "/usr", "/usr"});
+    for (const char* top : {"/bin", "/sbin", "/lib", "/lib32", "/lib64", "/libx32"}) {
+        std::string target = hostLink(top);
+        if (!target.empty()) a.insert(a.end(), {"--symlink", target, top});
+        else if (isDir(top)) a.insert(a.end(), {"--ro-bind", top, top});
+    }
+    a.insert(a.end(), {"--ro-bind", "/etc", "/etc",
+                       "--ro-bind", BRASK_TEST_SANDBOX_FILES "/init.d", "/etc/init.d",
+                       "--ro-bind", BRASK_TEST_SANDBOX_FILES "/bin", "/sandbox/bin",
+                       "--dev", "/dev", "--tmpfs", "/tmp",
+                       "--bind", state + "/conf", "/conf",
+                       "--bind", state + "/var", "/var",
+                       "--bind", state + "/run", kRunDir,
+                       "--proc", "/run/realproc",
+                       "--tmpfs", "/proc",
+                       "--symlink", "/run/brask/ractrends", "/proc/ractrends"});
+    for (const char* e : kProcEntries) {
+        a.insert(a.end(), {"--symlink", std::string("/run/realproc/") + e,
+                           std::string("/proc/") + e});
+    }
+    a.insert(a.end(), {"--remount-ro", "/proc"});
+
+    // The project itself (binaries, libraries, test data), read-only.
+    const std::string exeDir = exe.substr(0, exe.rfind('/'));
+    for (const std::string& dir : {std::string(BRASK_TEST_SOURCE_DIR),
+                                   std::string(BRASK_TEST_BINARY_DIR), exeDir}) {
+        a.insert(a.end(), {"--ro-bind", dir, dir});
+    }
+    char cwd[4096];
+    const std::string where = ::getcwd(cwd, sizeof cwd) != nullptr ? cwd : "/tmp";
+    const bool visible = startsWithDir(where, BRASK_TEST_BINARY_DIR) ||
+                         startsWithDir(where, BRASK_TEST_SOURCE_DIR) ||
+                         startsWithDir(where, exeDir);
+    a.insert(a.end(), {"--chdir", visible ? where : std::string("/tmp"),
+                       "--setenv", kInsideEnv, "1",
+                       "--setenv", "PATH", kSandboxPath,
+                       "--", exe});
+    for (int i = 1; argv[i] != nullptr; ++i) a.emplace_back(argv[i]);
+    return a;
+}
+
 }  // namespace
 
 bool insideSandbox() {
+    // The variable alone could leak into a host shell; the stub /proc (a
+    // tmpfs, never so on a host) cannot.
     const char* v = std::getenv(kInsideEnv);
-    return v != nullptr && std::strcmp(v, "1") == 0;
+    if (v == nullptr || std::strcmp(v, "1") != 0) return false;
+    struct statfs fs{};
+    return ::statfs("/proc", &fs) == 0 && fs.f_type == TMPFS_MAGIC;
 }
 
 void enterSandbox(int argc, char** argv) {
-    if (insideSandbox()) return;
     (void)argc;
+    if (insideSandbox()) return;
     const char* bwrap = "/usr/bin/bwrap";
     if (::access(bwrap, X_OK) != 0) {
         std::fprintf(stderr,
@@ -114,58 +260,16 @@ void enterSandbox(int argc, char** argv) {
     ssize_t n = ::readlink("/proc/self/exe", exe, sizeof exe - 1);
     if (n <= 0) die("readlink /proc/self/exe");
     exe[n] = '\0';
-    std::string exeDir = exe;
-    exeDir = exeDir.substr(0, exeDir.rfind('/'));
 
-    std::vector<std::string> a = {bwrap, "--die-with-parent", "--unshare-pid", "--unshare-ipc",
-                                  "--unshare-uts", "--hostname", "bmc-sandbox"};
-    if (::geteuid() != 0) a.push_back("--unshare-user");
-    // Root inside needs these for chown tests and private tmpfs mounts.
-    for (const char* cap : {"CAP_CHOWN", "CAP_FOWNER", "CAP_DAC_OVERRIDE", "CAP_SYS_ADMIN",
-                            "CAP_KILL", "CAP_SETUID", "CAP_SETGID"}) {
-        a.insert(a.end(), {"--cap-add", cap});
-    }
-    a.insert(a.end(), {"--ro-bind", "/usr", "/usr"});
-    for (const char* top : {"/bin", "/sbin", "/lib", "/lib32", "/lib64", "/libx32"}) {
-        std::string target = hostLink(top);
-        if (!target.empty()) a.insert(a.end(), {"--symlink", target, top});
-        else if (isDir(top)) a.insert(a.end(), {"--ro-bind", top, top});
-    }
-    a.insert(a.end(), {"--ro-bind", "/etc", "/etc",
-                       "--ro-bind", BRASK_TEST_SANDBOX_FILES "/init.d", "/etc/init.d",
-                       "--ro-bind", BRASK_TEST_SANDBOX_FILES "/bin", "/sandbox/bin",
-                       "--dev", "/dev", "--tmpfs", "/tmp",
-                       "--bind", state + "/conf", "/conf",
-                       "--bind", state + "/var", "/var",
-                       "--bind", state + "/run", kRunDir,
-                       "--proc", "/run/realproc",
-                       "--tmpfs", "/proc",
-                       "--symlink", "/run/brask/ractrends", "/proc/ractrends"});
-    // What sanitizers, gtest and the tests read from procfs.
-    for (const char* e : {"self", "thread-self", "meminfo", "cpuinfo", "stat", "sys", "mounts",
-                          "filesystems", "uptime", "loadavg"}) {
-        a.insert(a.end(), {"--symlink", std::string("/run/realproc/") + e,
-                           std::string("/proc/") + e});
-    }
-    // The project itself (binaries, libraries, test data), read-only.
-    for (const std::string& dir : {std::string(BRASK_TEST_SOURCE_DIR),
-                                   std::string(BRASK_TEST_BINARY_DIR), exeDir}) {
-        a.insert(a.end(), {"--ro-bind", dir, dir});
-    }
-    char cwd[4096];
-    std::string where = ::getcwd(cwd, sizeof cwd) != nullptr ? cwd : "/tmp";
-    a.insert(a.end(), {"--chdir", where.rfind(BRASK_TEST_BINARY_DIR, 0) == 0 ||
-                                          where.rfind(BRASK_TEST_SOURCE_DIR, 0) == 0
-                                      ? where
-                                      : std::string("/tmp"),
-                       "--setenv", kInsideEnv, "1",
-                       "--setenv", "PATH", "/sandbox/bin:/usr/sbin:/usr/bin:/sbin:/bin",
-                       "--", exe});
-    for (int i = 1; argv[i] != nullptr; ++i) a.emplace_back(argv[i]);
-
+    std::vector<std::string> a = bwrapArguments(bwrap, state, exe, argv);
     std::vector<char*> args;
     for (auto& s : a) args.push_back(s.data());
     args.push_back(nullptr);
+
+    struct sigaction forward{};
+    forward.sa_handler = forwardSignal;
+    sigemptyset(&forward.sa_mask);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) ::sigaction(sig, &forward, nullptr);
 
     std::fflush(nullptr);
     pid_t pid = ::fork();
@@ -175,12 +279,21 @@ void enterSandbox(int argc, char** argv) {
         std::fprintf(stderr, "sandbox: cannot start %s: %s\n", bwrap, std::strerror(errno));
         ::_exit(127);
     }
+    gSandboxPid = pid;
+    if (gCaughtSignal != 0) ::kill(pid, SIGKILL);
     int status = 0;
     while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
-    const char* keep = std::getenv("BRASK_KEEP_SANDBOX");
-    if (keep == nullptr || *keep == '\0') ::nftw(state.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
+    const char* keep = std::getenv(kKeepEnv);
+    if (keep == nullptr || *keep == '\0') removeTree(state);
     else std::fprintf(stderr, "sandbox: state kept in %s\n", state.c_str());
+
+    if (gCaughtSignal != 0) {
+        const int sig = gCaughtSignal;
+        std::signal(sig, SIG_DFL);
+        ::raise(sig);
+        std::exit(128 + sig);
+    }
     if (WIFEXITED(status)) std::exit(WEXITSTATUS(status));
     if (WIFSIGNALED(status)) {
         std::fprintf(stderr, "sandbox: test process killed by signal %d\n", WTERMSIG(status));
@@ -198,7 +311,21 @@ void resetState() {
     emptyDir("/var");
     for (const char* d : {"/conf/brask", "/conf/BMC1", "/var/brask", "/var/log"}) makeDirs(d);
     setFwInfo(kDefaultFwInfo);
-    hostPlatformInit();
+    removeIpcObjects();
+
+    // The library's and the platform's process state from the previous case.
+    gKillProcessAfterFileChkTimer = 0;
+    gRebootAfterRestoreTimer = 0;
+    gRestoreType = svfRestoreType_T{};
+    hostResetFaults();
+    hostResetCounters();
+    hostClearSelTime();
+    hostFruClearAccessLog();
+    hostSetFwUpdateState(0);
+    if (hostPlatformInit() != 0) {
+        std::fprintf(stderr, "sandbox: hostPlatformInit() failed: %s\n", std::strerror(errno));
+        std::abort();
+    }
 }
 
 bool canChown() {

@@ -1,0 +1,60 @@
+#!/usr/bin/env bash
+# Runs test_sandbox, then checks from the host side what the binary cannot
+# see from inside: nothing it wrote appeared on the host, its exit status
+# and a fatal signal came out unchanged, and the per-run state directory was
+# removed in every case (also when the run is terminated from outside).
+#   hostCheck.sh <test_sandbox>
+set -euo pipefail
+
+bin=$1
+token=hostcheck-$$-$RANDOM$RANDOM
+tmp=${TMPDIR:-/tmp}
+export BRASK_HOST_CHECK_TOKEN=$token
+
+failures=0
+fail() {
+  echo "FAIL: $*"
+  failures=$((failures + 1))
+}
+hostLog=/var/log/sandbox-commands.log
+logState() { stat -c '%Y %s' "$hostLog" 2>/dev/null || echo absent; }
+leftState() { find "$tmp" -maxdepth 3 -path "$tmp/brask-sandbox.*/var/$token" 2>/dev/null || true; }
+probe() { BRASK_SANDBOX_PROBE=$1 "$bin" --gtest_filter='SandboxProbe.*' >/dev/null 2>&1; }
+
+logBefore=$(logState)
+"$bin" || fail "test_sandbox failed"
+
+for path in /conf /var /conf/brask /var/brask /tmp /etc/init.d /usr; do
+  [[ ! -e $path/$token ]] || fail "$path/$token appeared on the host"
+done
+[[ $(logState) == "$logBefore" ]] || fail "the host's $hostLog changed"
+
+status=0
+probe exit:7 || status=$?
+[[ $status -eq 7 ]] || fail "exit status 7 inside came out as $status"
+status=0
+probe abort || status=$?
+[[ $status -eq 134 ]] || fail "an abort inside came out as status $status, expected 134"
+
+# Terminated from outside while running: the sandbox goes down with us and
+# the state directory is still removed.
+BRASK_SANDBOX_PROBE=sleep "$bin" --gtest_filter='SandboxProbe.*' >/dev/null 2>&1 &
+pid=$!
+for _ in $(seq 100); do
+  [[ -n $(leftState) ]] && break
+  sleep 0.1
+done
+[[ -n $(leftState) ]] || fail "the sleeping probe never started"
+kill -TERM "$pid"
+status=0
+wait "$pid" || status=$?
+[[ $status -eq 143 ]] || fail "a terminated run exited with $status, expected 143"
+
+left=$(leftState)
+[[ -z $left ]] || fail "state directories not removed: $left"
+
+if ((failures > 0)); then
+  echo "$failures host-side sandbox check(s) failed"
+  exit 1
+fi
+echo "host side: no marker escaped, exit statuses kept, state directories removed"
