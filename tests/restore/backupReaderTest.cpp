@@ -12,10 +12,10 @@ namespace {
 
 constexpr char kBackup[] = "/var/brask/BMC.bak";
 
-ByteVec sampleBackup(BackupSpec spec = {}) {
-    spec.blocks = {buildBlock({}), buildBlock({entryFor("/conf/resolv.conf", "restored\n"),
+ByteVec sampleBackup(BackupSpec shape = {}) {
+    shape.blocks = {buildBlock({}), buildBlock({entryFor("/conf/resolv.conf", "restored\n"),
                                                entryFor("/conf/hid.conf", "hid\n")})};
-    return buildBackup(spec);
+    return buildBackup(shape);
 }
 
 struct ReaderCase {
@@ -148,11 +148,11 @@ TEST_F(RestoreTest, EveryTruncationIsRefused) {
 }
 
 TEST_F(RestoreTest, SplitWritesEachBlockBesideTheBackup) {
-    BackupSpec spec;
+    BackupSpec shape;
     const ByteVec b0 = buildBlock({});
     const ByteVec b1 = buildBlock({entryFor("/conf/resolv.conf", "x")});
-    spec.blocks = {b0, b1};
-    writeBytes(kBackup, buildBackup(spec));
+    shape.blocks = {b0, b1};
+    writeBytes(kBackup, buildBackup(shape));
     INT8U blocks = 0;
     ASSERT_EQ(svfExtractBraskBackupFile(BMC_FILE, BMC_WEB_CONSOLE, &blocks), 0);
     EXPECT_EQ(blocks, 2);

@@ -28,9 +28,9 @@ TEST(ExtractionCodes, MapToCompletionCodes) {
     }
 }
 
-ByteVec goodBackup(BackupSpec spec = {}) {
-    spec.blocks = {buildBlock({}), buildBlock({entryFor("/conf/resolv.conf", "restored\n")})};
-    return buildBackup(spec);
+ByteVec goodBackup(BackupSpec shape = {}) {
+    shape.blocks = {buildBlock({}), buildBlock({entryFor("/conf/resolv.conf", "restored\n")})};
+    return buildBackup(shape);
 }
 
 struct ExeCase {

@@ -56,34 +56,34 @@ void sealBlock(ByteVec& block) {
     fmt::putU32(block.data() + 4, fmt::zeroSumComplement(fmt::wordSum(block)));
 }
 
-ByteVec buildBackup(const BackupSpec& spec) {
+ByteVec buildBackup(const BackupSpec& shape) {
     svfBraskBackupFileHeader_T header{};
-    if (spec.ownIdentity) {
+    if (shape.ownIdentity) {
         EXPECT_EQ(svfGetProductIdFru(&header), 0);
     } else {
-        std::memcpy(header.ModelNumber, spec.model.data(),
-                    std::min(spec.model.size(), sizeof header.ModelNumber));
-        std::memcpy(header.SerialNumber, spec.serial.data(),
-                    std::min(spec.serial.size(), sizeof header.SerialNumber));
+        std::memcpy(header.ModelNumber, shape.model.data(),
+                    std::min(shape.model.size(), sizeof header.ModelNumber));
+        std::memcpy(header.SerialNumber, shape.serial.data(),
+                    std::min(shape.serial.size(), sizeof header.SerialNumber));
     }
-    header.Version = spec.version;
-    header.DataRev = spec.dataRev;
-    header.FwType = spec.fwType;
-    header.NumOfBlock = static_cast<std::uint8_t>(spec.blocks.size());
+    header.Version = shape.version;
+    header.DataRev = shape.dataRev;
+    header.FwType = shape.fwType;
+    header.NumOfBlock = static_cast<std::uint8_t>(shape.blocks.size());
     const std::size_t headerArea = fmt::backupHeaderAreaSize(header.NumOfBlock);
 
     ByteVec file(headerArea, 0);
     fmt::encodeBackupHeader(header, file.data());
     std::size_t offset = headerArea;
-    for (std::size_t i = 0; i < spec.blocks.size(); ++i) {
+    for (std::size_t i = 0; i < shape.blocks.size(); ++i) {
         svfBraskBackupFileBlockInfo_T info{};
         info.BlockOffset = static_cast<std::uint32_t>(offset);
-        info.BlockSize = static_cast<std::int32_t>(spec.blocks[i].size());
+        info.BlockSize = static_cast<std::int32_t>(shape.blocks[i].size());
         info.InheritanceType = fmt::inheritanceTypeFor(static_cast<unsigned>(i));
         fmt::encodeBlockInfo(info, file.data() + fmt::kBackupHeaderSize + i * fmt::kBlockInfoSize);
-        offset += spec.blocks[i].size();
+        offset += shape.blocks[i].size();
     }
-    for (const ByteVec& b : spec.blocks) file.insert(file.end(), b.begin(), b.end());
+    for (const ByteVec& b : shape.blocks) file.insert(file.end(), b.begin(), b.end());
     sealBackup(file);
     return file;
 }
@@ -96,9 +96,9 @@ void sealBackup(ByteVec& file) {
 }
 
 ByteVec bmcBackupOf(const std::vector<EntrySpec>& entries) {
-    BackupSpec spec;
-    spec.blocks = {buildBlock({}), buildBlock(entries)};
-    return buildBackup(spec);
+    BackupSpec shape;
+    shape.blocks = {buildBlock({}), buildBlock(entries)};
+    return buildBackup(shape);
 }
 
 TreeSnapshot snapshotTree(const std::string& root) {

@@ -49,7 +49,7 @@ struct BackupSpec {
     std::string serial;
 };
 // A backup file: header, block table and blocks, sealed.
-ByteVec buildBackup(const BackupSpec& spec);
+ByteVec buildBackup(const BackupSpec& shape);
 // Recomputes the header checksum after the header or table was changed.
 void sealBackup(ByteVec& file);
 
