@@ -8,6 +8,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "support/sandbox.h"
 #include "support/scenario.h"
 
 namespace brask::test {
@@ -26,14 +27,8 @@ int Output::count(const std::string& text) const {
 
 Resources resources() {
     Resources r;
-    if (DIR* d = ::opendir("/proc/self/fd")) {
-        while (const dirent* e = ::readdir(d)) {
-            if (e->d_name[0] != '.') ++r.fds;
-        }
-        ::closedir(d);
-    }
-    std::ifstream maps("/proc/self/maps");
-    for (std::string line; std::getline(maps, line);) ++r.maps;
+    r.fds = static_cast<std::size_t>(openDescriptorCount());
+    r.maps = static_cast<std::size_t>(mappingCount());
     return r;
 }
 

@@ -2,6 +2,8 @@
 // backing file, and counts of what the process holds (descriptors, mappings).
 #pragma once
 
+#include "support/sandbox.h"
+
 #include <gtest/gtest.h>
 
 #include <array>
@@ -33,31 +35,13 @@ inline void setStates(const std::array<INT8U, 12>& states, INT8U addedInfo = 0,
     writeArea(area);
 }
 
-inline int countOpenFds() {
-    int n = 0;
-    if (DIR* d = opendir("/proc/self/fd")) {
-        while (dirent* e = readdir(d)) {
-            if (e->d_name[0] != '.') ++n;
-        }
-        closedir(d);
-    }
-    return n;  // includes the descriptor of the listing itself, on both sides of a comparison
-}
-
-inline int countMappings() {
-    std::ifstream maps("/proc/self/maps");
-    int n = 0;
-    for (std::string line; std::getline(maps, line);) ++n;
-    return n;
-}
-
 // What the process holds, to compare before and after a call.
 struct Held {
     int fds;
     int maps;
     bool operator==(const Held&) const = default;
 };
-inline Held held() { return {countOpenFds(), countMappings()}; }
+inline Held held() { return {brask::test::openDescriptorCount(), brask::test::mappingCount()}; }
 inline std::ostream& operator<<(std::ostream& os, const Held& h) {
     return os << "{fds " << h.fds << ", maps " << h.maps << "}";
 }

@@ -15,6 +15,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -188,8 +189,25 @@ std::vector<std::string> bwrapArguments(const char* bwrap, const std::string& st
         if (!target.empty()) a.insert(a.end(), {"--symlink", target, top});
         else if (isDir(top)) a.insert(a.end(), {"--ro-bind", top, top});
     }
-    a.insert(a.end(), {"--ro-bind", "/etc", "/etc",
-                       "--ro-bind", BRASK_TEST_SANDBOX_FILES "/init.d", "/etc/init.d",
+    if (isDir("/etc/init.d")) {
+        a.insert(a.end(), {"--ro-bind", "/etc", "/etc"});
+    } else {
+        // No mount point for the stubs in a read-only /etc: rebuild /etc
+        // from its entries on a tmpfs instead.
+        a.insert(a.end(), {"--tmpfs", "/etc"});
+        if (DIR* d = ::opendir("/etc")) {
+            while (dirent* e = ::readdir(d)) {
+                if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
+                const std::string path = std::string("/etc/") + e->d_name;
+                const std::string target = hostLink(path.c_str());
+                if (!target.empty()) a.insert(a.end(), {"--symlink", target, path});
+                else a.insert(a.end(), {"--ro-bind-try", path, path});
+            }
+            ::closedir(d);
+        }
+    }
+    a.insert(a.end(), {"--ro-bind", BRASK_TEST_SANDBOX_FILES "/init.d", "/etc/init.d",
+                       "--remount-ro", "/etc",
                        "--ro-bind", BRASK_TEST_SANDBOX_FILES "/bin", "/sandbox/bin",
                        "--dev", "/dev", "--tmpfs", "/tmp",
                        "--bind", state + "/conf", "/conf",
@@ -202,7 +220,6 @@ std::vector<std::string> bwrapArguments(const char* bwrap, const std::string& st
         a.insert(a.end(), {"--symlink", std::string("/run/realproc/") + e,
                            std::string("/proc/") + e});
     }
-    a.insert(a.end(), {"--remount-ro", "/proc"});
 
     // The project itself (binaries, libraries, test data), read-only.
     const std::string exeDir = exe.substr(0, exe.rfind('/'));
@@ -223,6 +240,27 @@ std::vector<std::string> bwrapArguments(const char* bwrap, const std::string& st
     return a;
 }
 
+// Numbered entries cannot appear on demand in the stub /proc (and are too
+// many for bwrap's argument limit), so the first process inside links the
+// pids the new namespace hands out first, 1 up to pid_max (at most 32768):
+// LeakSanitizer reads /proc/<pid>/task, also in forked children.  Then /proc is made
+// read-only where the mount allows it (not in a user namespace).
+void linkProcessEntries() {
+    if (::access("/proc/1", F_OK) == 0) return;
+    long pidMax = 32768;
+    std::ifstream("/proc/sys/kernel/pid_max") >> pidMax;
+    pidMax = std::min(pidMax, 32768L);
+    char target[32];
+    char link[32];
+    for (long pid = 1; pid <= pidMax; ++pid) {
+        std::snprintf(target, sizeof target, "/run/realproc/%ld", pid);
+        std::snprintf(link, sizeof link, "/proc/%ld", pid);
+        if (::symlink(target, link) != 0 && errno != EEXIST) die("linking /proc entries");
+    }
+    (void)::mount(nullptr, "/proc", nullptr,
+                  MS_REMOUNT | MS_BIND | MS_RDONLY | MS_NOSUID | MS_NODEV | MS_RELATIME, nullptr);
+}
+
 }  // namespace
 
 bool insideSandbox() {
@@ -236,7 +274,10 @@ bool insideSandbox() {
 
 void enterSandbox(int argc, char** argv) {
     (void)argc;
-    if (insideSandbox()) return;
+    if (insideSandbox()) {
+        linkProcessEntries();
+        return;
+    }
     const char* bwrap = "/usr/bin/bwrap";
     if (::access(bwrap, X_OK) != 0) {
         std::fprintf(stderr,
@@ -364,10 +405,16 @@ int openDescriptorCount() {
 }
 
 int mappingCount() {
+    // File-backed mappings only (inode field non-zero): sanitizers add and drop
+    // anonymous mappings of their own at any allocation.
     std::ifstream in("/proc/self/maps");
     std::string line;
     int count = 0;
-    while (std::getline(in, line)) ++count;
+    while (std::getline(in, line)) {
+        std::istringstream fields(line);
+        std::string range, perms, offset, device, inode;
+        if (fields >> range >> perms >> offset >> device >> inode && inode != "0") ++count;
+    }
     return count;
 }
 

@@ -14,14 +14,22 @@ inline constexpr char kCommandLog[] = "/var/log/sandbox-commands.log";
 // The firmware information file the stub /proc carries.
 inline constexpr char kFwInfoFile[] = "/proc/ractrends/Helper/FwInfo";
 
-// Re-executes argv inside the sandbox and exits with its status; returns only
-// inside the sandbox.  Exits non-zero with a reason when bubblewrap is missing.
+// Re-executes argv inside the sandbox and exits with its status (128 + the
+// signal when it was killed); returns only inside the sandbox.  Exits non-zero
+// with a reason when bubblewrap is missing.  The per-run state directory
+// ($TMPDIR/brask-sandbox.XXXXXX: conf/, var/, run/) is removed afterwards,
+// also when we are interrupted; BRASK_KEEP_SANDBOX=1 keeps it for a look.
 void enterSandbox(int argc, char** argv);
+// BRASK_SANDBOX=1 and the stub /proc (a tmpfs) are both present.
 bool insideSandbox();
 
-// Empties /conf and /var and lays out the starting tree (/conf/brask,
-// /conf/BMC1, /var/brask, /var/log, /var/hsl with hostPlatformInit()).
-// Called before every test case by the runner.
+// Empties /conf and /var (detaching any mount a test left inside) and lays
+// out the starting tree (/conf/brask, /conf/BMC1, /var/brask, /var/log,
+// /var/hsl with hostPlatformInit()); removes every System V semaphore and
+// shared memory segment; restores the default FwInfo; clears the library's
+// countdowns and pending restore and the host platform's fault controls,
+// counters, SEL time, FRU access log and firmware-update state.
+// Called before every test case by the runner; aborts outside the sandbox.
 void resetState();
 
 // True when chown to other ids works here (root without a user namespace).
@@ -33,7 +41,7 @@ bool canChown();
 void setFwInfo(const std::string& content);
 void removeFwInfo();
 
-// Descriptors open in this process and lines of its memory map: tests compare
+// Descriptors open in this process and its file-backed mappings: tests compare
 // them before and after a call to prove nothing was left open or mapped.
 int openDescriptorCount();
 int mappingCount();
