@@ -60,13 +60,18 @@ int checkIdentity(const svfBraskBackupFileHeader_T& header) {
 }
 
 // Writes block `index` of the mapped backup file to its own file and checks
-// the block's sum.  The descriptor is checked against the file before the
-// block file is created, so a bad table leaves no stray block file.
+// the block's sum.  The block file is created (or cut) before its descriptor
+// is read; a descriptor that reaches outside the backup file is refused.
 int splitBlock(format::Bytes file, const char* backupFile, unsigned index) {
     SVF_DEBUG("Block# = %d\n", static_cast<int>(index));
     char name[SVF_FILE_PASS_SIZE];
     if (!blockFileName(name, backupFile, index)) {
         SVF_ERR("Command make fail.(%d)\n", errno);
+        return kFail;
+    }
+    ScopedFile out(name, "wb+");
+    if (!out) {
+        SVF_ERR("fopen fail(%d)\n", errno);
         return kFail;
     }
     svfBraskBackupFileBlockInfo_T info{};
@@ -80,20 +85,8 @@ int splitBlock(format::Bytes file, const char* backupFile, unsigned index) {
         SVF_ERR("Block#%d descriptor rejected : %s\n", static_cast<int>(index), format::statusText(st));
         return kFail;
     }
-    // A block too short for its own header could never be extracted.
-    svfBraskArchiveFileHeader_T blockHeader{};
-    if (format::decodeArchiveHeader(block, blockHeader) != format::Status::Ok) {
-        SVF_ERR("Block#%d descriptor rejected : %s\n", static_cast<int>(index),
-                format::statusText(format::Status::Truncated));
-        return kFail;
-    }
 
-    ScopedFile out(name, "wb+");
-    if (!out) {
-        SVF_ERR("fopen fail(%d)\n", errno);
-        return kFail;
-    }
-    if (std::fwrite(block.data(), block.size(), 1, out.get()) != 1 ||
+    if ((!block.empty() && std::fwrite(block.data(), block.size(), 1, out.get()) != 1) ||
         std::fflush(out.get()) != 0) {
         SVF_ERR("fwrite fail(%d)\n", errno);
         return kFail;

@@ -205,8 +205,9 @@ int brask::archive::extractArchive(const brask::catalogue::Selection& cat,
         SVF_ERR("ftell fail(%d)\n", errno);
         return -1;
     }
+    // An empty block file cannot be mapped: refused like any mapping failure.
     ScopedMapping mapping(::fileno(fp.get()), static_cast<std::size_t>(size));
-    if (!mapping.ok()) return -1;
+    if (size == 0 || !mapping.ok()) return -1;
     const format::Bytes block(mapping.data(), mapping.size());
 
     std::rewind(fp.get());
@@ -261,8 +262,8 @@ int brask::archive::extractArchive(const brask::catalogue::Selection& cat,
                 lastEntry = (r == PartResult::Created);
             }
         } else {
-            if (std::strcmp(target, paths::kInterfacesFile) == 0 &&
-                (lanCheckMaintenanceMode() & 0xFF) != 0) {
+            if ((lanCheckMaintenanceMode() & 0xFF) != 0 &&
+                std::strcmp(target, paths::kInterfacesFile) == 0) {
                 continue;  // maintenance mode keeps the live network settings
             }
             if (!writeWholeFile(target, entry.data)) return -1;

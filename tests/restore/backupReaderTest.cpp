@@ -113,8 +113,9 @@ const ReaderCase kReaderCases[] = {
      -1},
     {"NegativeBlockSize", [] { return withDescriptor(1, 136, -1); }, BMC_FILE, BMC_WEB_CONSOLE,
      -1},
+    // Inside the file, so split as described; its own sum then fails.
     {"BlockShorterThanItsHeader", [] { return withDescriptor(1, 136, 4); }, BMC_FILE,
-     BMC_WEB_CONSOLE, -1},
+     BMC_WEB_CONSOLE, -4},
 };
 
 class BackupReader : public RestoreTest, public ::testing::WithParamInterface<ReaderCase> {};
@@ -158,6 +159,11 @@ TEST_F(RestoreTest, SplitWritesEachBlockBesideTheBackup) {
     EXPECT_EQ(blocks, 2);
     EXPECT_EQ(readBytes("/var/brask/BMC.bak-0"), b0);
     EXPECT_EQ(readBytes("/var/brask/BMC.bak-1"), b1);
+
+    // A block file is cut before its descriptor is looked at.
+    writeBytes(kBackup, withDescriptor(1, 136, 1 << 20));
+    EXPECT_EQ(svfExtractBraskBackupFile(BMC_FILE, BMC_WEB_CONSOLE, &blocks), -1);
+    EXPECT_EQ(readBytes("/var/brask/BMC.bak-1"), ByteVec{});
 }
 
 TEST_F(RestoreTest, NplusMSplitsBlockZeroOnly) {

@@ -187,6 +187,10 @@ TEST_F(RestoreTest, BadChecksumOrMissingBlockChangesNothing) {
     EXPECT_EQ(extract(block), -1);
     char missing[] = "/var/brask/none-1";
     EXPECT_EQ(svfExtractBraskArchive(BMC_FILE, missing, 1), -1);
+    // An empty block sums to 0 but cannot be mapped: -1 without a message.
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(extract(ByteVec{}), -1);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
     EXPECT_EQ(diffSnapshots(before, snapshotTree()), "");
 }
 
