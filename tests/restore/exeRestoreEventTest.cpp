@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstring>
 #include <functional>
+#include <string>
 #include <thread>
 
 #include "BraskSvf/hostPlatformControl.h"
@@ -40,6 +41,7 @@ struct ExeCase {
     INT8U cc;
     std::vector<std::uint8_t> sel;
     bool moved;  // BmcWeb.bak became BMC.bak
+    const char* stdoutEnd = nullptr;  // the output ends exactly so
 };
 
 const std::vector<std::uint8_t> kWebBmc = {1, 2, 0, 0, 0, 0};
@@ -56,8 +58,9 @@ std::vector<ExeCase> exeCases() {
     return {
         {"ShortRequest", {1, 2, 0, 0, 0}, good, 0xC7, {}, false},
         {"EfiAnyFunction", {0, 9, 0, 0, 0, 0}, good, 0x00, {}, false},
-        {"NplusM", {1, 0, 0, 0, 0, 0}, good, 0x00, {}, false},
-        {"SvpConsole", {1, 1, 0, 0, 0, 0}, good, 0x00, {}, false},
+        // "Non Check" is the one line printed with no line end.
+        {"NplusM", {1, 0, 0, 0, 0, 0}, good, 0x00, {}, false, "Function == N_P_M\n"},
+        {"SvpConsole", {1, 1, 0, 0, 0, 0}, good, 0x00, {}, false, "Function == SVP_CONSOL\n"},
         {"FunctionOutOfRange", {1, 3, 0, 0, 0, 0}, good, 0xC9, {}, false},
         {"FileTypeOutOfRange", {2, 2, 0, 0, 0, 0}, good, 0xC9, {}, false},
         {"RebootPending", kWebBmc, [=] { good(); gRebootAfterRestoreTimer = 30; }, 0xD5,
@@ -117,7 +120,16 @@ TEST_F(RestoreTest, RefusalsAnswerTheirCodeAndChangeNoConfiguration) {
 
         std::vector<std::uint8_t> req = c.request;
         INT8U res[4] = {0xEE};
+        ::testing::internal::CaptureStdout();
         EXPECT_EQ(svfOEMExeRestoreEvent(req.data(), static_cast<INT8U>(req.size()), res, 0), 1);
+        const std::string out = ::testing::internal::GetCapturedStdout();
+        if (c.stdoutEnd != nullptr) {
+            const std::string tail = std::string(c.stdoutEnd) + "BRASK_DEBUG  : svfOEMExeRestoreEvent(";
+            const auto at = out.rfind(tail);
+            ASSERT_NE(at, std::string::npos) << out;
+            const std::string rest = out.substr(at + tail.size());
+            EXPECT_EQ(rest.substr(rest.find(')')), ") : Non Check") << out;
+        }
         EXPECT_EQ(res[0], c.cc);
         EXPECT_EQ(selEvents(), c.sel);
         EXPECT_EQ(exists("/var/brask/BMC.bak"), c.moved);
