@@ -10,6 +10,7 @@
 
 #include "BraskSvf/svfApi.h"
 #include "BraskSvf/svfPlatform.h"
+#include "archive/catalogue.h"
 #include "archive/format.h"
 #include "common/diag.h"
 #include "common/paths.h"
@@ -32,14 +33,6 @@ constexpr int kIdentity = -6;
 constexpr int kDataRev = -7;
 constexpr int kFwType = -8;
 constexpr int kFormat = -9;
-
-// "%s-%d": the block files beside the backup file, shared with the writer.
-bool blockFileName(char (&name)[SVF_FILE_PASS_SIZE], const char* backupFile, unsigned block) {
-    std::memset(name, 0, sizeof name);
-    const int n = std::snprintf(name, sizeof name, "%s-%u", backupFile, block);
-    if (n >= 0 && static_cast<std::size_t>(n) >= sizeof name) errno = ENAMETOOLONG;
-    return n > 0 && static_cast<std::size_t>(n) < sizeof name;
-}
 
 // The model and serial number must be this server's, as its FRU reports them.
 int checkIdentity(const svfBraskBackupFileHeader_T& header) {
@@ -65,7 +58,7 @@ int checkIdentity(const svfBraskBackupFileHeader_T& header) {
 int splitBlock(format::Bytes file, const char* backupFile, unsigned index) {
     SVF_DEBUG("Block# = %d\n", static_cast<int>(index));
     char name[SVF_FILE_PASS_SIZE];
-    if (!blockFileName(name, backupFile, index)) {
+    if (!brask::catalogue::blockFileName(name, backupFile, index)) {
         SVF_ERR("Command make fail.(%d)\n", errno);
         return kFail;
     }
@@ -198,7 +191,7 @@ int svfExtractBraskArchiveblock(INT8U FwTyep, INT8U NumOfBlock) {
     for (unsigned i = 0; i < NumOfBlock; ++i) {
         SVF_DEBUG("Block# = %d\n", static_cast<int>(i));
         char name[SVF_FILE_PASS_SIZE];
-        if (!blockFileName(name, backupFile, i)) {
+        if (!brask::catalogue::blockFileName(name, backupFile, i)) {
             SVF_ERR("Command make fail.(%d)\n", errno);
             return -1;
         }

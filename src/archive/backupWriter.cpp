@@ -52,8 +52,7 @@ bool appendBlocks(const char* backupFile, unsigned numOfBlock, std::size_t heade
         table[i].BlockOffset = static_cast<INT32U>(offset);
 
         char blockFile[SVF_FILE_PASS_SIZE];
-        const int n = std::snprintf(blockFile, sizeof blockFile, "%s-%d", backupFile, static_cast<int>(i));
-        if (n < 0 || static_cast<std::size_t>(n) >= sizeof blockFile) {
+        if (!brask::catalogue::blockFileName(blockFile, backupFile, i)) {
             SVF_ERR("Command make fail.(%d)\n", errno);
             return false;
         }

@@ -32,8 +32,6 @@ using brask::ScopedMapping;
 namespace format = brask::format;
 namespace paths = brask::paths;
 
-constexpr std::string_view kBackupSuffix = ".bak";
-
 // The active path an entry restores: its stored name cut at the first ".bak".
 enum class TargetName { Ok, NoBackupSuffix, Empty };
 
@@ -41,9 +39,7 @@ TargetName targetPathOf(std::string_view storedName, char (&target)[SVF_FILE_PAS
     std::memset(target, 0, sizeof target);
     // The format layer keeps names below the buffer size.
     std::memcpy(target, storedName.data(), storedName.size());
-    char* suffix = std::strstr(target, kBackupSuffix.data());
-    if (suffix == nullptr) return TargetName::NoBackupSuffix;
-    *suffix = '\0';
+    if (!brask::catalogue::cutAtBackupSuffix(target)) return TargetName::NoBackupSuffix;
     return target[0] == '\0' ? TargetName::Empty : TargetName::Ok;
 }
 

@@ -4,6 +4,7 @@
 #include "archive/catalogue.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <string_view>
 
@@ -222,12 +223,25 @@ int svfGetActiveFilePass(char* BackupFileName, char* ActiveFilePasss) {
         return -1;
     }
     std::memcpy(ActiveFilePasss, BackupFileName, n + 1);
-    // The first ".bak" wins, even when the name carries a later one.
-    char* suffix = std::strstr(ActiveFilePasss, kBackupSuffix.data());
-    if (suffix == nullptr) {
+    if (!brask::catalogue::cutAtBackupSuffix(ActiveFilePasss)) {
         SVF_ERR(".bak Unmatch\n");
         return -1;
     }
-    *suffix = '\0';
     return 0;
+}
+
+bool brask::catalogue::cutAtBackupSuffix(char* name) {
+    // The first ".bak" wins, even when the name carries a later one.
+    char* suffix = std::strstr(name, kBackupSuffix.data());
+    if (suffix == nullptr) return false;
+    *suffix = '\0';
+    return true;
+}
+
+bool brask::catalogue::blockFileName(char (&name)[SVF_FILE_PASS_SIZE], const char* backupFile,
+                                     unsigned block) {
+    std::memset(name, 0, sizeof name);
+    const int n = std::snprintf(name, sizeof name, "%s-%u", backupFile, block);
+    if (n >= 0 && static_cast<std::size_t>(n) >= sizeof name) errno = ENAMETOOLONG;
+    return n > 0 && static_cast<std::size_t>(n) < sizeof name;
 }

@@ -28,6 +28,14 @@ const BackupFileList_T* find(const Selection& cat, const char* activePath);
 // TargetArcBlock plus 1 (1 for no rows), as an 8-bit value.
 INT8U blockCount(const Selection& cat);
 
+// Cuts `name` at its first ".bak" (the active path of a backup copy); false,
+// with `name` unchanged, when it has none.
+bool cutAtBackupSuffix(char* name);
+
+// "%s-%d": block file `block` beside `backupFile`, in a 152-byte buffer;
+// false (errno ENAMETOOLONG) when it does not fit.
+bool blockFileName(char (&name)[SVF_FILE_PASS_SIZE], const char* backupFile, unsigned block);
+
 // Longest active path that still takes ".bak" inside a 152-byte buffer.
 inline constexpr unsigned kMaxActivePathLength = SVF_FILE_PASS_SIZE - 1 - 4;
 
