@@ -45,16 +45,6 @@ FailingCommand::~FailingCommand() {
     std::system("rm -rf /tmp/failing-commands");
 }
 
-std::vector<std::uint8_t> selEvents() {
-    std::vector<hostSelRecord_T> records(256);
-    const int n = hostSelRead(records.data(), static_cast<int>(records.size()));
-    std::vector<std::uint8_t> events;
-    for (int i = 0; i < n && i < static_cast<int>(records.size()); ++i) {
-        events.push_back(records[i].EventData);
-    }
-    return events;
-}
-
 std::vector<hostFruAccess_T> fruAccesses() {
     std::vector<hostFruAccess_T> log(1024);
     const int n = hostFruAccessLog(log.data(), static_cast<int>(log.size()));

@@ -59,8 +59,6 @@ private:
     std::string savedPath_;
 };
 
-// Event data bytes of the SEL records, in order.
-std::vector<std::uint8_t> selEvents();
 // The FRU accesses the IPMI responder served since the last clear.
 std::vector<hostFruAccess_T> fruAccesses();
 // Size field of the FRU backup file header (-1 when the file is shorter).

@@ -139,14 +139,6 @@ std::string diffSnapshots(const TreeSnapshot& before, const TreeSnapshot& after)
     return out.str();
 }
 
-std::vector<std::uint8_t> selEvents() {
-    hostSelRecord_T records[64];
-    const int n = hostSelRead(records, 64);
-    std::vector<std::uint8_t> events;
-    for (int i = 0; i < n && i < 64; ++i) events.push_back(records[i].EventData);
-    return events;
-}
-
 std::vector<std::string> deleteFirstPaths() {
     std::vector<std::string> paths;
     for (const BackupFileList_T& row : BmcBackupFileList) {

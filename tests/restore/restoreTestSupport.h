@@ -71,9 +71,6 @@ TreeSnapshot snapshotTree(const std::string& root = "/conf");
 // Describes the differences, "" when equal.
 std::string diffSnapshots(const TreeSnapshot& before, const TreeSnapshot& after);
 
-// The SEL's event data bytes in order.
-std::vector<std::uint8_t> selEvents();
-
 // Every catalogue row with RestoreType 4.
 std::vector<std::string> deleteFirstPaths();
 

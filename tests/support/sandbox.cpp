@@ -386,6 +386,16 @@ void setFwInfo(const std::string& content) {
 
 void removeFwInfo() { ::unlink(kFwInfoReal); }
 
+std::vector<std::uint8_t> selEvents() {
+    std::vector<hostSelRecord_T> records(256);
+    const int n = hostSelRead(records.data(), static_cast<int>(records.size()));
+    std::vector<std::uint8_t> events;
+    for (int i = 0; i < n && i < static_cast<int>(records.size()); ++i) {
+        events.push_back(records[i].EventData);
+    }
+    return events;
+}
+
 std::string commandLog() {
     std::ifstream in(kCommandLog, std::ios::binary);
     std::stringstream ss;

@@ -4,7 +4,9 @@
 // bubblewrap (or returns at once when already inside).
 #pragma once
 
+#include <cstdint>
 #include <string>
+#include <vector>
 
 namespace brask::test {
 
@@ -45,6 +47,9 @@ void removeFwInfo();
 // them before and after a call to prove nothing was left open or mapped.
 int openDescriptorCount();
 int mappingCount();
+
+// Event data bytes of the host platform's SEL records, in order.
+std::vector<std::uint8_t> selEvents();
 
 // Reads the whole command log ("" when none).
 std::string commandLog();
