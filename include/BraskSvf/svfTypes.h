@@ -436,7 +436,22 @@ SVF_CHECK_SIZE(OEM_SetBackupEventRes_T, 1);
 SVF_CHECK_SIZE(OEM_ExeRestoreEventReq_T, 6);
 SVF_CHECK_SIZE(OEM_ExeRestoreEventRes_T, 1);
 
+/* The three views of the status bytes land on the same byte: slot
+ * kind*6 + requester*2 + file type, in the table and in the named fields. */
+SVF_CHECK_SIZE(svfDataType_T, 2);
+SVF_CHECK_OFFSET(svfDataType_T, Bmc, BMC_FILE);
+SVF_CHECK_OFFSET(svfRestoreStatus_T, SvpConsole, SVP_CONSOL * 2);
+SVF_CHECK_OFFSET(svfRestoreStatus_T, BmcConsole, BMC_WEB_CONSOLE * 2);
+SVF_CHECK_OFFSET(svfBackupStatus_T, SvpConsole, SVP_CONSOL * 2);
+SVF_CHECK_OFFSET(svfBackupStatus_T, BmcConsole, BMC_WEB_CONSOLE * 2);
+SVF_CHECK_OFFSET(svfStatus_T, Restore, SVF_RESTORE_SLOT_BASE);
+SVF_CHECK_OFFSET(svfStatus_T, Backup, SVF_BACKUP_SLOT_BASE);
 SVF_CHECK_SIZE(svfStatus_T, 12);
+SVF_CHECK_OFFSET(svfSemiVol_T, svfStatusList, 0);
+SVF_CHECK_OFFSET(svfSemiVol_T, svfStatusTable, 0);
+SVF_CHECK_OFFSET(svfSemiVol_T, svfStatus, 0);
+SVF_STATIC_ASSERT(sizeof(((svfSemiVol_T*)0)->svfStatusTable) == SVF_EVENT_SLOT_COUNT,
+                  "svfStatusTable covers the twelve slots");
 SVF_CHECK_SIZE(svfSemiVol_T, 16);
 SVF_CHECK_OFFSET(svfSemiVol_T, RestoreAddedInfo, 12);
 SVF_CHECK_OFFSET(svfSemiVol_T, Reserve, 13);
