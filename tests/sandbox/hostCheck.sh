@@ -3,10 +3,13 @@
 # see from inside: nothing it wrote appeared on the host, its exit status
 # and a fatal signal came out unchanged, and the per-run state directory was
 # removed in every case (also when the run is terminated from outside).
-#   hostCheck.sh <test_sandbox>
+#   hostCheck.sh <test_sandbox> [emulator words...]
 set -euo pipefail
 
 bin=$1
+shift
+# A cross build's binary is started through its emulator (qemu-arm ...).
+run=("$@" "$bin")
 token=hostcheck-$$-$RANDOM$RANDOM
 tmp=${TMPDIR:-/tmp}
 export BRASK_HOST_CHECK_TOKEN=$token
@@ -19,10 +22,10 @@ fail() {
 hostLog=/var/log/sandbox-commands.log
 logState() { stat -c '%Y %s' "$hostLog" 2>/dev/null || echo absent; }
 leftState() { find "$tmp" -maxdepth 3 -path "$tmp/brask-sandbox.*/var/$token" 2>/dev/null || true; }
-probe() { BRASK_SANDBOX_PROBE=$1 "$bin" --gtest_filter='SandboxProbe.*' >/dev/null 2>&1; }
+probe() { BRASK_SANDBOX_PROBE=$1 "${run[@]}" --gtest_filter='SandboxProbe.*' >/dev/null 2>&1; }
 
 logBefore=$(logState)
-"$bin" || fail "test_sandbox failed"
+"${run[@]}" || fail "test_sandbox failed"
 
 for path in /conf /var /conf/brask /var/brask /tmp /etc/init.d /usr; do
   [[ ! -e $path/$token ]] || fail "$path/$token appeared on the host"
@@ -38,7 +41,7 @@ probe abort || status=$?
 
 # Terminated from outside while running: the sandbox goes down with us and
 # the state directory is still removed.
-BRASK_SANDBOX_PROBE=sleep "$bin" --gtest_filter='SandboxProbe.*' >/dev/null 2>&1 &
+BRASK_SANDBOX_PROBE=sleep "${run[@]}" --gtest_filter='SandboxProbe.*' >/dev/null 2>&1 &
 pid=$!
 for _ in $(seq 100); do
   [[ -n $(leftState) ]] && break

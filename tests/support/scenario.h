@@ -1,34 +1,22 @@
-// Test data shared by the suites: small file helpers and one generator of a
-// realistic BMC /conf tree, so no test rebuilds a scenario by hand.
+// Test data shared by the suites: the scenario generator of the sandbox core
+// (sandbox/scenario.h) bound to the library's BMC catalogue.
 #pragma once
 
-#include <sys/types.h>
-
-#include <cstdint>
 #include <string>
-#include <string_view>
 #include <vector>
+
+#include "sandbox/scenario.h"
 
 namespace brask::test {
 
-// Creates missing parent folders; replaces the file; sets `mode`.
-void writeFile(const std::string& path, std::string_view content, mode_t mode = 0644);
-void writeBytes(const std::string& path, const std::vector<std::uint8_t>& bytes, mode_t mode = 0644);
-std::string readFile(const std::string& path);        // "" when missing
-std::vector<std::uint8_t> readBytes(const std::string& path);
-bool exists(const std::string& path);
+using sandbox::exists;
+using sandbox::readBytes;
+using sandbox::readFile;
+using sandbox::ScenarioOptions;
+using sandbox::writeBytes;
+using sandbox::writeFile;
 
-struct ScenarioOptions {
-    bool optionalFiles = true;  // also a good sample of the DYNAMIC rows
-    bool backupCopies = false;  // also write each file's ".bak" copy, identical
-    unsigned scale = 1;         // multiplies file sizes (benchmarks)
-};
-
-// Writes a realistic /conf for the BMC catalogue: every mandatory file and,
-// with optionalFiles, resolv.conf-like texts, host keys with mode 0600,
-// per-user authorized_keys, a binary bmcUserInfo.data with a few users,
-// BMCCapability.dat, PMConfig.dat, PostCheckCode/Watchdog images and the FRU
-// backup file.  Returns the active paths written, in catalogue order.
+// sandbox::populateConf over BmcBackupFileList.
 std::vector<std::string> populateConf(const ScenarioOptions& options = {});
 
 }  // namespace brask::test
