@@ -1,6 +1,7 @@
 // The tick: both countdowns in order, the deferred restore it runs, reboot.
 #include <algorithm>
 #include <functional>
+#include <ostream>
 
 #include "BraskSvf/hostPlatformControl.h"
 #include "BraskSvf/svfApi.h"
@@ -122,6 +123,9 @@ const DeferredCase kDeferred[] = {
     {"WebBmcFlagFails", {1, 2, 0}, [] { hostFailCall("hslCreateMutex", 0, 1, ENOMEM); }, true, 0,
      {0x35}, 1, -1, 0, false},
 };
+
+// By name: gtest would otherwise print the record's bytes, padding included.
+void PrintTo(const DeferredCase& c, std::ostream* os) { *os << c.name; }
 
 class DeferredRestore : public RestoreTest, public ::testing::WithParamInterface<DeferredCase> {};
 

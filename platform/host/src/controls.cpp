@@ -60,6 +60,7 @@ int ipmiCommandIndex(unsigned char cmd) noexcept {
 
 void Controls::resetFaults() noexcept {
     for (FailPlan& p : fail) p = FailPlan{};
+    for (FailPlan& p : failLate) p = FailPlan{};
     for (FailPlan& p : ipmiFail) p = FailPlan{};
     std::memset(ipmiFailCode, 0, sizeof ipmiFailCode);
     fruShortBy = 0;
@@ -73,6 +74,7 @@ void Controls::resetFaults() noexcept {
 
 void Controls::resetCounters() noexcept {
     std::memset(calls, 0, sizeof calls);
+    std::memset(ipmiCalls, 0, sizeof ipmiCalls);
     applyTimeInfoCalls = 0;
     updateScheduleCalls = 0;
     lastScheduleArgument = 0;
@@ -113,9 +115,18 @@ bool enterCall(Fn fn) noexcept {
     return true;
 }
 
+bool failsLate(Fn fn) noexcept {
+    const int i = static_cast<int>(fn);
+    ControlsGuard c;
+    if (!c->failLate[i].consume()) return false;
+    if (c->failLate[i].err != 0) errno = c->failLate[i].err;
+    return true;
+}
+
 }  // namespace hostplat
 
 using hostplat::ControlsGuard;
+using hostplat::Fn;
 
 extern "C" {
 
@@ -127,6 +138,21 @@ int hostFailCall(const char* functionName, int skip, int count, int err) {
     }
     ControlsGuard c;
     c->fail[i] = hostplat::FailPlan{skip, count, err};
+    return 0;
+}
+
+int hostFailCallLate(const char* functionName, int skip, int count, int err) {
+    const int i = hostplat::fnIndex(functionName);
+    const bool givesBack = i == static_cast<int>(Fn::ReleaseMutex) ||
+                           i == static_cast<int>(Fn::DestroyMutex) ||
+                           i == static_cast<int>(Fn::FreeSemiVolatileArea) ||
+                           i == static_cast<int>(Fn::ReleaseSysvSemaphore);
+    if (!givesBack || skip < 0 || count < 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    ControlsGuard c;
+    c->failLate[i] = hostplat::FailPlan{skip, count, err};
     return 0;
 }
 
@@ -148,6 +174,16 @@ int hostCallCount(const char* functionName) {
 void hostResetCounters(void) {
     ControlsGuard c;
     c->resetCounters();
+}
+
+int hostIpmiCommandCount(INT8U cmd) {
+    const int i = hostplat::ipmiCommandIndex(cmd);
+    if (i < 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    ControlsGuard c;
+    return c->ipmiCalls[i];
 }
 
 int hostIpmiFailCmd(INT8U cmd, int skip, int count, INT8U completionCode) {

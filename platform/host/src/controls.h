@@ -55,7 +55,9 @@ struct ReadHistoryEntry {
 struct Controls {
     int calls[kFnCount] = {};
     FailPlan fail[kFnCount] = {};
+    FailPlan failLate[kFnCount] = {};  // give-back functions: work done, failure reported
 
+    int ipmiCalls[kIpmiCommandCount] = {};
     FailPlan ipmiFail[kIpmiCommandCount] = {};
     unsigned char ipmiFailCode[kIpmiCommandCount] = {};
     int fruShortBy = 0;
@@ -95,5 +97,8 @@ public:
 // Counts a call of `fn`; true when the call must fail (errno is then set as
 // planned).  Every platform function starts with this.
 bool enterCall(Fn fn) noexcept;
+// Called by a give-back function after its work: true when it must report
+// failure all the same (errno is then set as planned).
+bool failsLate(Fn fn) noexcept;
 
 }  // namespace hostplat

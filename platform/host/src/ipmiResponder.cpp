@@ -129,6 +129,7 @@ INT8U plannedFailure(INT8U cmd) noexcept {
     const int i = hostplat::ipmiCommandIndex(cmd);
     if (i < 0) return 0;
     hostplat::ControlsGuard c;
+    ++c->ipmiCalls[i];
     return c->ipmiFail[i].consume() ? c->ipmiFailCode[i] : 0;
 }
 

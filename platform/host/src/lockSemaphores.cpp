@@ -169,7 +169,8 @@ int hslReleaseMutex(Mutex_T* pMutex) {
         errno = EINVAL;
         return -1;
     }
-    return giveSemaphore(pMutex->SemID);
+    const int rc = giveSemaphore(pMutex->SemID);
+    return hostplat::failsLate(Fn::ReleaseMutex) ? -1 : rc;
 }
 
 // The set itself stays: other processes may hold handles on the same name.
@@ -180,7 +181,7 @@ int hslDestroyMutex(Mutex_T* pMutex) {
         return -1;
     }
     std::free(pMutex);
-    return 0;
+    return hostplat::failsLate(Fn::DestroyMutex) ? -1 : 0;
 }
 
 int hslAcquireSysvSemaphore(int* pSemId, const char* pName, int Timeout) {
@@ -198,7 +199,8 @@ int hslAcquireSysvSemaphore(int* pSemId, const char* pName, int Timeout) {
 
 int hslReleaseSysvSemaphore(int SemId) {
     if (hostplat::enterCall(Fn::ReleaseSysvSemaphore)) return -1;
-    return giveSemaphore(SemId);
+    const int rc = giveSemaphore(SemId);
+    return hostplat::failsLate(Fn::ReleaseSysvSemaphore) ? -1 : rc;
 }
 
 }  // extern "C"

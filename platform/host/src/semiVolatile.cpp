@@ -57,6 +57,7 @@ int hslFreeSemiVolatileArea(hslSemiVolatileMng_T* pMng) {
     pMng->SemiVolatile_ptr = nullptr;
     if (pMng->fd >= 0 && ::close(pMng->fd) != 0) rc = -1;
     pMng->fd = -1;
+    if (hostplat::failsLate(hostplat::Fn::FreeSemiVolatileArea)) return -1;
     return rc == 0 ? 0 : -1;
 }
 

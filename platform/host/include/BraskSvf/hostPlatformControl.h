@@ -33,6 +33,13 @@ extern "C" {
  * "hslChkMakeFile", "brask_ReadWriteEEPROM".  `skip` calls succeed first.
  * Returns 0, or -1 with errno EINVAL for an unknown name. */
 int hostFailCall(const char* functionName, int skip, int count, int err);
+/* Like hostFailCall, for the give-back functions "hslReleaseMutex",
+ * "hslDestroyMutex", "hslFreeSemiVolatileArea" and "hslReleaseSysvSemaphore":
+ * the call does its work and then reports failure.  A give-back that fails
+ * without giving back leaves the resource with the platform, which no caller
+ * can undo; this one shows how the caller treats the report.  -1 with errno
+ * EINVAL for any other name. */
+int hostFailCallLate(const char* functionName, int skip, int count, int err);
 /* Clears every fault control of this process (also the FRU and IPMI ones). */
 void hostResetFaults(void);
 /* Number of calls of the named platform function in this process since the
@@ -44,6 +51,9 @@ void hostResetCounters(void);
 /* Completion code answered to the next `count` requests with command `cmd`
  * (0x10, 0x11, 0x12, 0x48) after `skip` of them were answered normally. */
 int hostIpmiFailCmd(INT8U cmd, int skip, int count, INT8U completionCode);
+/* Requests with command `cmd` that reached the responder in this process
+ * since the last hostResetCounters (-1 for a command it does not know). */
+int hostIpmiCommandCount(INT8U cmd);
 /* Read FRU Data returns `shortBy` bytes fewer than asked (0: off). */
 void hostFruSetShortRead(int shortBy);
 /* Every second Read FRU Data of the same piece returns one byte changed. */
