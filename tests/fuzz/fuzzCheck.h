@@ -2,17 +2,29 @@
 // abort, which libFuzzer records as a crash with the input that caused it.
 #pragma once
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 
 #include "archive/format.h"
 
-#define FUZZ_CHECK(cond)                                                                  \
-    do {                                                                                  \
-        if (!(cond)) {                                                                    \
-            std::fprintf(stderr, "%s:%d: invariant broken: %s\n", __FILE__, __LINE__, #cond); \
-            std::abort();                                                                 \
-        }                                                                                 \
+namespace brask::fuzz {
+
+// A copy of the original standard error taken before anything can redirect
+// it (libFuzzer's -close_fd_mask, or the sandboxed targets silencing the
+// library's own error lines), so a broken invariant is always reported.
+inline const int kReportFd = ::dup(STDERR_FILENO);
+
+}  // namespace brask::fuzz
+
+#define FUZZ_CHECK(cond)                                                                       \
+    do {                                                                                       \
+        if (!(cond)) {                                                                         \
+            ::dprintf(::brask::fuzz::kReportFd >= 0 ? ::brask::fuzz::kReportFd : STDERR_FILENO, \
+                      "%s:%d: invariant broken: %s\n", __FILE__, __LINE__, #cond);             \
+            std::abort();                                                                      \
+        }                                                                                      \
     } while (0)
 
 namespace brask::fuzz {
