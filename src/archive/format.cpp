@@ -15,6 +15,7 @@ const char* statusText(Status s) {
         case Status::OffsetBeforeName: return "data offset inside its descriptor";
         case Status::NegativeSize: return "negative size";
         case Status::DataPastEnd: return "data past the end";
+        case Status::TrailingBytes: return "bytes after the last entry";
     }
     return "unknown";
 }
@@ -194,6 +195,24 @@ void encodeArchiveEntryInfo(const svfBraskArchiveEntryInfo_T& in,
     putU32(out + 16, in.FilePermission);
 }
 
+ArchiveEntryWalk::ArchiveEntryWalk(Bytes block) : block_(block) {
+    headerOk_ = decodeArchiveHeader(block, header_) == Status::Ok;
+    if (!headerOk_) status_ = Status::Truncated;
+    else if (header_.NumOfEntry == 0 && block.size() != kArchiveHeaderSize) status_ = Status::TrailingBytes;
+}
+
+bool ArchiveEntryWalk::next(ArchiveEntry& out) {
+    if (status_ != Status::Ok || decoded_ >= header_.NumOfEntry) return false;
+    ArchiveEntry entry;
+    status_ = decodeArchiveEntry(block_, offset_, entry);
+    if (status_ != Status::Ok) return false;
+    offset_ = entry.nextOffset;
+    ++decoded_;
+    if (decoded_ == header_.NumOfEntry && offset_ != block_.size()) status_ = Status::TrailingBytes;
+    out = entry;
+    return true;
+}
+
 // ---- Backup file -----------------------------------------------------------------
 
 Status decodeBackupHeader(Bytes file, svfBraskBackupFileHeader_T& out) {
@@ -267,6 +286,19 @@ Status blockBytes(Bytes file, const svfBraskBackupFileBlockInfo_T& info, Bytes& 
     if (!c.seek(info.BlockOffset)) return Status::DataPastEnd;
     if (!c.take(static_cast<std::size_t>(info.BlockSize), out)) return Status::DataPastEnd;
     return Status::Ok;
+}
+
+Status headerAreaBytes(Bytes file, const svfBraskBackupFileHeader_T& header, Bytes& out) {
+    ByteCursor c(file);
+    if (!c.take(backupHeaderAreaSize(header.NumOfBlock), out)) return Status::Truncated;
+    return Status::Ok;
+}
+
+ContentKind classifyContent(Bytes bytes) {
+    if (bytes.size() >= 4 && bytes[2] == 0 && bytes[3] == 0 && bytes.size() != kArchiveHeaderSize) {
+        return ContentKind::BackupFile;
+    }
+    return bytes.size() < 4 ? ContentKind::BackupFile : ContentKind::ArchiveBlock;
 }
 
 }  // namespace brask::format

@@ -44,6 +44,7 @@ enum class Status {
     OffsetBeforeName,   // FileOffset points before the end of its descriptor
     NegativeSize,       // FileSize or BlockSize below 0
     DataPastEnd,        // data or a block reaches past the end of the span
+    TrailingBytes,      // bytes after the last entry of a block
 };
 const char* statusText(Status s);
 
@@ -99,6 +100,30 @@ Status decodeArchiveEntry(Bytes block, std::size_t offset, ArchiveEntry& out);
 void encodeArchiveEntryInfo(const svfBraskArchiveEntryInfo_T& in,
                             std::uint8_t out[kArchiveEntryInfoSize]);
 
+// Walks the NumOfEntry entries of a block in order from offset 8, each one
+// starting where the previous one's data ends, as the block reader does.
+// next() yields one entry at a time and stops for good at the first entry
+// that does not decode; status() then says why.  After the last entry,
+// status() is TrailingBytes when the block does not end right there.
+class ArchiveEntryWalk {
+public:
+    explicit ArchiveEntryWalk(Bytes block);
+    bool next(ArchiveEntry& out);
+    Status status() const { return status_; }
+    bool headerOk() const { return headerOk_; }
+    const svfBraskArchiveFileHeader_T& header() const { return header_; }
+    unsigned decoded() const { return decoded_; }   // entries handed out so far
+    std::size_t offset() const { return offset_; }  // where the next entry would start
+
+private:
+    Bytes block_;
+    svfBraskArchiveFileHeader_T header_{};
+    bool headerOk_ = false;
+    Status status_ = Status::Ok;
+    unsigned decoded_ = 0;
+    std::size_t offset_ = kArchiveHeaderSize;
+};
+
 // ---- Backup file -------------------------------------------------------------------
 Status decodeBackupHeader(Bytes file, svfBraskBackupFileHeader_T& out);
 void encodeBackupHeader(const svfBraskBackupFileHeader_T& in, std::uint8_t out[kBackupHeaderSize]);
@@ -107,5 +132,16 @@ Status decodeBlockInfo(Bytes file, unsigned index, svfBraskBackupFileBlockInfo_T
 void encodeBlockInfo(const svfBraskBackupFileBlockInfo_T& in, std::uint8_t out[kBlockInfoSize]);
 // The block a descriptor locates, refused when negative or past the end.
 Status blockBytes(Bytes file, const svfBraskBackupFileBlockInfo_T& info, Bytes& out);
+// The header and block table that the header checksum covers:
+// backupHeaderAreaSize(NumOfBlock) bytes, Truncated when the file is shorter.
+Status headerAreaBytes(Bytes file, const svfBraskBackupFileHeader_T& header, Bytes& out);
+
+// ---- Telling the two formats apart ----------------------------------------------
+// Both begin with a version byte 1 and a zero byte.  Bytes 2-3 are the block's
+// NumOfEntry but the backup file's zero Reserve, and a block without entries
+// is exactly 8 bytes long; so zero there with any other length is a backup
+// file.  Damaged input still gets a kind, and then fails that kind's checks.
+enum class ContentKind { BackupFile, ArchiveBlock };
+ContentKind classifyContent(Bytes bytes);
 
 }  // namespace brask::format
