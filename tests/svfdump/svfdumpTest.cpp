@@ -15,6 +15,7 @@
 #include "archive/format.h"
 #include "inspect.h"
 #include "restoreTestSupport.h"
+#include "sandbox/sandbox.h"
 #include "support/scenario.h"
 
 extern char** environ;
@@ -34,7 +35,11 @@ struct Outcome {
 // `quick` turns the sanitizers' leak check off: it doubles the start-up time
 // of each run and is kept for the runs on sound files.
 Outcome svfdump(const std::vector<std::string>& args, bool quick = false) {
-    std::vector<char*> argv{const_cast<char*>(SVFDUMP_BINARY)};
+    // A cross build starts it through the emulator, as ctest starts this suite.
+    std::vector<std::string> words = sandbox::emulatorPrefix();
+    words.push_back(SVFDUMP_BINARY);
+    std::vector<char*> argv;
+    for (auto& w : words) argv.push_back(w.data());
     for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
     posix_spawn_file_actions_t io;
@@ -48,7 +53,7 @@ Outcome svfdump(const std::vector<std::string>& args, bool quick = false) {
     std::string noLeakCheck = "ASAN_OPTIONS=detect_leaks=0";
     if (quick) env.push_back(noLeakCheck.data());
     env.push_back(nullptr);
-    const int rc = posix_spawn(&pid, SVFDUMP_BINARY, &io, nullptr, argv.data(), env.data());
+    const int rc = posix_spawn(&pid, argv[0], &io, nullptr, argv.data(), env.data());
     posix_spawn_file_actions_destroy(&io);
     int status = 0;
     if (rc != 0 || ::waitpid(pid, &status, 0) != pid) return r;

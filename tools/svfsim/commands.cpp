@@ -80,7 +80,7 @@ bool copyFile(const std::string& from, const std::string& to) {
 }
 
 std::string timeText(std::uint32_t t) {
-    const std::time_t tt = t;
+    const auto tt = static_cast<std::time_t>(t);
     std::tm tm{};
     ::gmtime_r(&tt, &tm);
     char buf[32];
