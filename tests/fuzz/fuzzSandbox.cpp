@@ -145,7 +145,8 @@ std::vector<std::uint8_t> readFile(const char* path) {
 Tree snapshot(std::initializer_list<const char*> roots) {
     Tree tree;
     gCollecting = &tree;
-    for (const char* root : roots) (void)::nftw(root, collect, 16, FTW_PHYS);
+    // FTW_MOUNT: a checkout under /tmp is mounted there, and is not ours to watch.
+    for (const char* root : roots) (void)::nftw(root, collect, 16, FTW_PHYS | FTW_MOUNT);
     gCollecting = nullptr;
     return tree;
 }

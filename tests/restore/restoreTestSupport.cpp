@@ -103,11 +103,18 @@ ByteVec bmcBackupOf(const std::vector<EntrySpec>& entries) {
 
 TreeSnapshot snapshotTree(const std::string& root) {
     TreeSnapshot snap;
-    if (!fs::exists(root)) return snap;
-    for (const auto& de : fs::recursive_directory_iterator(root)) {
+    struct stat rootSt {};
+    if (::stat(root.c_str(), &rootSt) != 0) return snap;
+    for (auto it = fs::recursive_directory_iterator(root); it != fs::recursive_directory_iterator(); ++it) {
         struct stat st {};
-        const std::string path = de.path().string();
+        const std::string path = it->path().string();
         if (::lstat(path.c_str(), &st) != 0) continue;
+        // Stay on the root's file system: when the checkout itself lives
+        // under /tmp, the sandbox mounts it there, and it is not ours to watch.
+        if (st.st_dev != rootSt.st_dev) {
+            it.disable_recursion_pending();
+            continue;
+        }
         FileState s;
         s.mode = st.st_mode;
         s.uid = st.st_uid;

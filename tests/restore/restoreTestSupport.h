@@ -66,7 +66,8 @@ struct FileState {
     bool operator==(const FileState&) const = default;
 };
 using TreeSnapshot = std::map<std::string, FileState>;
-// Every file, folder and link below `root`: path, size, mode, owner, content hash.
+// Every file, folder and link below `root` on its file system: path, size,
+// mode, owner, content hash.
 TreeSnapshot snapshotTree(const std::string& root = "/conf");
 // Describes the differences, "" when equal.
 std::string diffSnapshots(const TreeSnapshot& before, const TreeSnapshot& after);
