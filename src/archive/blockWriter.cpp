@@ -77,7 +77,7 @@ Packed packRow(FILE* block, const BackupFileList_T& row, svfBraskArchiveEntryInf
     }
     if (entry.FileSize > 0) {
         const auto size = static_cast<std::size_t>(entry.FileSize);
-        ScopedMapping data(::fileno(src.get()), size, PROT_READ, MAP_PRIVATE);
+        ScopedMapping data(::fileno(src.get()), size);
         if (!data.ok()) {
             SVF_ERR("mmap fail(%d)\n", errno);
             return Packed::Failed;

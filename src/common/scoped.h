@@ -83,7 +83,11 @@ public:
     ScopedMapping() = default;
     // Maps `length` bytes of `fd` from offset 0; check ok() afterwards.
     // A zero length maps nothing and counts as a valid, empty view.
-    ScopedMapping(int fd, size_t length, int prot = PROT_READ, int flags = MAP_PRIVATE)
+    // The callers read their views through (a comparison may stop at the
+    // first difference), so the pages are populated up front: one call
+    // instead of a fault per page, which cost two thirds of a large restore
+    // on a virtualised machine.
+    ScopedMapping(int fd, size_t length, int prot = PROT_READ, int flags = MAP_PRIVATE | MAP_POPULATE)
         : length_(length) {
         if (length == 0) return;
         void* p = ::mmap(nullptr, length, prot, flags, fd, 0);
