@@ -85,8 +85,8 @@ TickReport Bmc::tick() {
     return r;
 }
 
-bool Bmc::applyOperation(unsigned slot, std::uint8_t operation, std::uint8_t& before,
-                         std::uint8_t& after, std::string& error) {
+template <typename Use>
+bool Bmc::withStatusArea(std::string& error, Use use) {
     Mutex_T* mutex = nullptr;
     hslSemiVolatileMng_T mng{};
     hslSemiVolatileArea_T* area = nullptr;
@@ -95,36 +95,35 @@ bool Bmc::applyOperation(unsigned slot, std::uint8_t operation, std::uint8_t& be
         error = "the status area lock was not obtained";
         return false;
     }
-    INT8U& status = area->svf.svfStatusList[slot];
-    before = status;
-    const INT32S result = lib_.setSvfEvent(&status, operation);
-    after = status;
+    use(*area);
     // Given back as the library's own holders do: unmap, release, destroy.
     hslFreeSemiVolatileArea(&mng);
     hslReleaseMutex(mutex);
     hslDestroyMutex(mutex);
     console().sync();
+    return true;
+}
+
+bool Bmc::applyOperation(unsigned slot, std::uint8_t operation, std::uint8_t& before,
+                         std::uint8_t& after, std::string& error) {
+    INT32S result = SVF_EVENT_REJECTED;
+    const bool locked = withStatusArea(error, [&](hslSemiVolatileArea_T& area) {
+        INT8U& status = area.svf.svfStatusList[slot];
+        before = status;
+        result = lib_.setSvfEvent(&status, operation);
+        after = status;
+    });
+    if (!locked) return false;
     if (result == SVF_EVENT_REJECTED) error = "the state machine rejected the operation";
     return result != SVF_EVENT_REJECTED;
 }
 
 bool Bmc::readStatus(Status& out, std::string& error) {
-    Mutex_T* mutex = nullptr;
-    hslSemiVolatileMng_T mng{};
-    hslSemiVolatileArea_T* area = nullptr;
-    if (lib_.getMutexAndSemiVolatileArea(&mutex, &mng, &area) != 0) {
-        console().sync();
-        error = "the status area lock was not obtained";
-        return false;
-    }
-    std::memcpy(out.slots.data(), area->svf.svfStatusList, out.slots.size());
-    out.restoreAddedInfo = area->svf.RestoreAddedInfo;
-    out.flags = area->svfAutoBack;
-    hslFreeSemiVolatileArea(&mng);
-    hslReleaseMutex(mutex);
-    hslDestroyMutex(mutex);
-    console().sync();
-    return true;
+    return withStatusArea(error, [&](const hslSemiVolatileArea_T& area) {
+        std::memcpy(out.slots.data(), area.svf.svfStatusList, out.slots.size());
+        out.restoreAddedInfo = area.svf.RestoreAddedInfo;
+        out.flags = area.svfAutoBack;
+    });
 }
 
 std::vector<SelEntry> Bmc::sel() const {

@@ -79,6 +79,10 @@ public:
     bool initFruLogFile() const { return lib_.initFruLogFile() == 0; }
 
 private:
+    // Runs `use` on the status area under its lock; false (with `error`)
+    // when the lock cannot be had.
+    template <typename Use>
+    bool withStatusArea(std::string& error, Use use);
     const Library& lib_;
 };
 
