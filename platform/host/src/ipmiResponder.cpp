@@ -12,25 +12,11 @@
 #include "controls.h"
 #include "fruImage.h"
 #include "hostFiles.h"
+#include "ipmiAnswer.h"
 
 namespace {
 
-constexpr INT8U kCcOk = 0x00;
-constexpr INT8U kCcInvalidCommand = 0xC1;
-constexpr INT8U kCcBadLength = 0xC7;
-constexpr INT8U kCcOutOfRange = 0xC9;
-constexpr INT8U kCcUnspecified = 0xFF;
-
-// Largest piece one Write FRU Data may carry: its count answers in one byte.
-constexpr size_t kMaxWritePiece = 0xFF;
-
-void answer(MsgPkt_T* pkt, INT8U cc, const INT8U* body, size_t len) noexcept {
-    pkt->Data[0] = cc;
-    if (len > 0) std::memcpy(&pkt->Data[1], body, len);
-    pkt->Size = static_cast<INT32U>(1 + len);
-}
-
-void fail(MsgPkt_T* pkt, INT8U cc) noexcept { answer(pkt, cc, nullptr, 0); }
+using namespace hostplat;  // completion codes, answer, fail
 
 // The image's size, or -1 (no image, or larger than the area size field).
 off_t imageSize(int fd) noexcept {

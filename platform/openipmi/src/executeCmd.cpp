@@ -8,31 +8,16 @@
 #include <cstring>
 
 #include "BraskSvf/svfPlatform.h"
+#include "fruImage.h"
+#include "ipmiAnswer.h"
 #include "simApi.h"
 #include "simContext.h"
 
 namespace {
 
-constexpr INT8U kCcOk = 0x00;
-constexpr INT8U kCcInvalidCommand = 0xC1;
-constexpr INT8U kCcBadLength = 0xC7;
-constexpr INT8U kCcOutOfRange = 0xC9;
-constexpr INT8U kCcNotPresent = 0xCB;
-constexpr INT8U kCcUnspecified = 0xFF;
+using namespace hostplat;  // completion codes, answer, fail, FRU limits
 
 constexpr unsigned kStorageNetFn = SVF_NETFNLUN_STORAGE >> 2;
-// The inventory area size travels in 16 bits.
-constexpr unsigned kFruMaxSize = 0xFFFF;
-// One Write FRU Data answers its count in one byte.
-constexpr unsigned kMaxWritePiece = 0xFF;
-
-void answer(MsgPkt_T* pkt, INT8U cc, const INT8U* body, size_t len) noexcept {
-    pkt->Data[0] = cc;
-    if (len > 0) std::memmove(&pkt->Data[1], body, len);
-    pkt->Size = static_cast<INT32U>(1 + len);
-}
-
-void fail(MsgPkt_T* pkt, INT8U cc) noexcept { answer(pkt, cc, nullptr, 0); }
 
 // The FRU's whole contents, held for one request.
 class FruImage {
