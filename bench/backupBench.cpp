@@ -24,6 +24,7 @@
 namespace {
 
 using brask::bench::format;
+using brask::bench::mib;
 using brask::bench::Quiet;
 using Clock = std::chrono::steady_clock;
 
@@ -157,7 +158,6 @@ std::string programList(const brask::bench::Trace& t) {
     return brask::bench::describe(counts);
 }
 
-std::string mib(double bytes) { return format("%.1f MiB", bytes / (1 << 20)); }
 
 void report(const brask::bench::CollectingReporter& r,
             const std::vector<int>& scales) {
@@ -194,18 +194,10 @@ int main(int argc, char** argv) {
         if (mode == "--rss-idle") return 0;
     }
     const brask::bench::Options options = brask::bench::parseOptions(argc, argv);
-    // A quick run leaves out the 100x catalogue (one iteration there takes
-    // most of a second, and its setup as long).
-    const std::vector<int> scales = options.quick ? std::vector<int>{1, 10} : std::vector<int>{1, 10, 100};
+    const std::vector<int> scales = brask::bench::catalogueScales(options);
 
     benchmark::Initialize(&argc, argv);
-    for (const int scale : scales) {
-        benchmark::RegisterBenchmark("BM_webConsoleBackupVsTar", BM_webConsoleBackupVsTar)
-            ->Arg(scale)
-            ->UseManualTime()
-            ->Unit(benchmark::kMillisecond)
-            ->MinTime(brask::bench::minTime(options, scale == 100 ? 5.0 : 2.0));
-    }
+    brask::bench::registerPerScale("BM_webConsoleBackupVsTar", BM_webConsoleBackupVsTar, scales, options);
     benchmark::RegisterBenchmark("BM_changeDetection", BM_changeDetection)
         ->Unit(benchmark::kMillisecond)
         ->MinTime(brask::bench::minTime(options, 2.0));
@@ -244,15 +236,9 @@ int main(int argc, char** argv) {
     for (const int scale : options.quick ? std::vector<int>{1} : scales) {
         brask::bench::freshConf(static_cast<unsigned>(scale));
         ok = webConsoleBackup() == 0x00 && ok;
-        const long peak = brask::bench::peakRssKiB({"--rss-backup"});
-        const double largest = static_cast<double>(brask::bench::largestActiveFile());
-        const double total = static_cast<double>(brask::bench::totalActiveBytes());
-        brask::bench::tableRow({"peak resident memory, one backup", format("%dx", scale),
-                      format("%.1f MiB (idle run of the same binary %.1f MiB)", peak / 1024.0, idle / 1024.0),
-                      "largest file " + mib(largest) + ", all files " + mib(total),
-                      format("(peak − idle) / largest = %.2f", (static_cast<double>(peak - idle) * 1024) / largest), "—",
-                      "/usr/bin/time -v, maximum over the process and its children"});
-        ok = ok && peak > 0;
+        ok = brask::bench::peakMemoryRow("peak resident memory, one backup", scale, "--rss-backup", idle,
+                                         "/usr/bin/time -v, maximum over the process and its children") &&
+             ok;
     }
     benchmark::Shutdown();
     return ok ? 0 : 1;

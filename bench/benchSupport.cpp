@@ -294,3 +294,36 @@ std::string describe(const std::map<std::string, long>& counts, double divisor) 
 }
 
 }  // namespace brask::bench
+
+namespace brask::bench {
+
+std::vector<int> catalogueScales(const Options& options) {
+    return options.quick ? std::vector<int>{1, 10} : std::vector<int>{1, 10, 100};
+}
+
+void registerPerScale(const char* name, void (*fn)(benchmark::State&), const std::vector<int>& scales,
+                      const Options& options) {
+    for (const int scale : scales) {
+        benchmark::RegisterBenchmark(name, fn)
+            ->Arg(scale)
+            ->UseManualTime()
+            ->Unit(benchmark::kMillisecond)
+            ->MinTime(minTime(options, scale == 100 ? 5.0 : 2.0));
+    }
+}
+
+std::string mib(double bytes) { return format("%.1f MiB", bytes / (1 << 20)); }
+
+bool peakMemoryRow(const char* measure, int scale, const char* mode, long idleKiB, const char* notes) {
+    const double largest = static_cast<double>(largestActiveFile());
+    const double total = static_cast<double>(totalActiveBytes());
+    const long peak = peakRssKiB({mode});
+    tableRow({measure, format("%dx", scale),
+              format("%.1f MiB (idle run of the same binary %.1f MiB)", peak / 1024.0, idleKiB / 1024.0),
+              "largest file " + mib(largest) + ", all files " + mib(total),
+              format("(peak − idle) / largest = %.2f", (static_cast<double>(peak - idleKiB) * 1024) / largest), "—",
+              notes});
+    return peak > 0;
+}
+
+}  // namespace brask::bench

@@ -31,6 +31,13 @@ Options parseOptions(int& argc, char** argv);
 // Minimum time of a benchmark: short in a quick run.
 double minTime(const Options& options, double full);
 
+// Catalogue scales a run covers: 1x, 10x, and 100x unless quick (one
+// iteration at 100x takes most of a second, and its setup as long).
+std::vector<int> catalogueScales(const Options& options);
+// Registers `fn` once per scale (its argument), timed by the benchmark itself.
+void registerPerScale(const char* name, void (*fn)(benchmark::State&), const std::vector<int>& scales,
+                      const Options& options);
+
 // Standard output and error go to /dev/null while alive, so terminal I/O of
 // the diagnostics is not part of the measured time.
 class Quiet {
@@ -115,6 +122,12 @@ Trace traceChild(const std::vector<std::string>& modeAndArgs);
 // Peak resident set size in KiB of a child run of this binary, from
 // `/usr/bin/time -v` ("Maximum resident set size"); -1 on failure.
 long peakRssKiB(const std::vector<std::string>& modeAndArgs);
+
+// One table row: peak memory of a child run (`mode`) at `scale` against an
+// idle run and the catalogue's files, as laid out now; false on failure.
+bool peakMemoryRow(const char* measure, int scale, const char* mode, long idleKiB, const char* notes);
+
+std::string mib(double bytes);
 
 // "name ×n, ..." of a syscall count map, by decreasing count.
 std::string describe(const std::map<std::string, long>& counts, double divisor = 1.0);

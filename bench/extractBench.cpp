@@ -23,6 +23,7 @@
 namespace {
 
 using brask::bench::format;
+using brask::bench::mib;
 using brask::bench::Quiet;
 using Clock = std::chrono::steady_clock;
 
@@ -118,7 +119,6 @@ int restore() {
     return brask::test::commandLog().find("reboot") != std::string::npos ? 0 : 1;
 }
 
-std::string mib(double bytes) { return format("%.1f MiB", bytes / (1 << 20)); }
 
 }  // namespace
 
@@ -127,18 +127,10 @@ int main(int argc, char** argv) {
     if (argc == 2 && std::string(argv[1]) == "--rss-restore") return restore();
     if (argc == 2 && std::string(argv[1]) == "--rss-idle") return 0;
     const brask::bench::Options options = brask::bench::parseOptions(argc, argv);
-    // A quick run leaves out the 100x catalogue (one iteration there takes
-    // most of a second, and its setup as long).
-    const std::vector<int> scales = options.quick ? std::vector<int>{1, 10} : std::vector<int>{1, 10, 100};
+    const std::vector<int> scales = brask::bench::catalogueScales(options);
 
     benchmark::Initialize(&argc, argv);
-    for (const int scale : scales) {
-        benchmark::RegisterBenchmark("BM_extractVsTar", BM_extractVsTar)
-            ->Arg(scale)
-            ->UseManualTime()
-            ->Unit(benchmark::kMillisecond)
-            ->MinTime(brask::bench::minTime(options, scale == 100 ? 5.0 : 2.0));
-    }
+    brask::bench::registerPerScale("BM_extractVsTar", BM_extractVsTar, scales, options);
     brask::bench::CollectingReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
 
@@ -158,15 +150,9 @@ int main(int argc, char** argv) {
     const long idle = brask::bench::peakRssKiB({"--rss-idle"});
     for (const int scale : options.quick ? std::vector<int>{1} : scales) {
         ok = webConsoleBackup(static_cast<unsigned>(scale)) && ok;
-        const double largest = static_cast<double>(brask::bench::largestActiveFile());
-        const double total = static_cast<double>(brask::bench::totalActiveBytes());
-        const long peak = brask::bench::peakRssKiB({"--rss-restore"});
-        brask::bench::tableRow({"peak resident memory, one web-console restore", format("%dx", scale),
-                      format("%.1f MiB (idle run of the same binary %.1f MiB)", peak / 1024.0, idle / 1024.0),
-                      "largest file " + mib(largest) + ", all files " + mib(total),
-                      format("(peak − idle) / largest = %.2f", (static_cast<double>(peak - idle) * 1024) / largest), "—",
-                      "/usr/bin/time -v; command, then 10 ticks (deferred restore, stub reboot)"});
-        ok = ok && peak > 0;
+        ok = brask::bench::peakMemoryRow("peak resident memory, one web-console restore", scale, "--rss-restore", idle,
+                                         "/usr/bin/time -v; command, then 10 ticks (deferred restore, stub reboot)") &&
+             ok;
     }
     benchmark::Shutdown();
     return ok ? 0 : 1;
