@@ -1,18 +1,21 @@
 // Helpers of the event suite: the shared area through the host platform's
-// backing file, and counts of what the process holds (descriptors, mappings).
+// backing file, what the process holds, the status-area lock, captured output.
 #pragma once
 
 #include "support/sandbox.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <array>
-#include <cstdint>
-#include <dirent.h>
-#include <fstream>
+#include <regex>
 #include <string>
+#include <utility>
 
 #include "BraskSvf/hostPlatformControl.h"
+#include "BraskSvf/svfApi.h"
+#include "BraskSvf/svfPlatform.h"
 #include "BraskSvf/svfTypes.h"
 
 namespace brask::test {
@@ -25,60 +28,64 @@ inline hslSemiVolatileArea_T readArea() {
 
 inline void writeArea(const hslSemiVolatileArea_T& area) { ASSERT_EQ(hostSemiVolWrite(&area), 0); }
 
-// Sets the twelve status bytes (and the four bytes reported beside them).
+// Sets the twelve status bytes and the four bytes reported beside them.
 inline void setStates(const std::array<INT8U, 12>& states, INT8U addedInfo = 0,
                       std::array<INT8U, 3> reserve = {}) {
     hslSemiVolatileArea_T area = readArea();
-    for (size_t i = 0; i < states.size(); ++i) area.svf.svfStatusList[i] = states[i];
+    std::copy(states.begin(), states.end(), area.svf.svfStatusList);
     area.svf.RestoreAddedInfo = addedInfo;
-    for (size_t i = 0; i < reserve.size(); ++i) area.svf.Reserve[i] = reserve[i];
+    std::copy(reserve.begin(), reserve.end(), area.svf.Reserve);
     writeArea(area);
 }
 
-// What the process holds, to compare before and after a call.
-struct Held {
-    int fds;
-    int maps;
-    bool operator==(const Held&) const = default;
-};
-inline Held held() { return {brask::test::openDescriptorCount(), brask::test::mappingCount()}; }
-inline std::ostream& operator<<(std::ostream& os, const Held& h) {
-    return os << "{fds " << h.fds << ", maps " << h.maps << "}";
-}
+// Descriptors and mappings the process holds, to compare before and after a call.
+inline std::pair<int, int> held() { return {openDescriptorCount(), mappingCount()}; }
 
-// Calls of the status-area lock's platform functions since the last reset.
-struct LockCalls {
-    int create, acquire, map, unmap, release, destroy;
-    bool operator==(const LockCalls&) const = default;
-};
+// Calls since the last counter reset of the lock's platform functions: create,
+// acquire, map, unmap, release, destroy.
+using LockCalls = std::array<int, 6>;
 inline LockCalls lockCalls() {
     return {hostCallCount("hslCreateMutex"),         hostCallCount("hslAcquireMutex"),
             hostCallCount("hslGetSemiVolatileArea"), hostCallCount("hslFreeSemiVolatileArea"),
             hostCallCount("hslReleaseMutex"),        hostCallCount("hslDestroyMutex")};
 }
-inline std::ostream& operator<<(std::ostream& os, const LockCalls& c) {
-    return os << "{create " << c.create << ", acquire " << c.acquire << ", map " << c.map
-              << ", unmap " << c.unmap << ", release " << c.release << ", destroy " << c.destroy
-              << "}";
+
+// Takes the status-area lock, runs f on the area, gives all back; false when
+// any step fails.
+template <class F>
+bool withLockedArea(F&& f) {
+    Mutex_T* mutex = nullptr;
+    hslSemiVolatileMng_T mng{};
+    hslSemiVolatileArea_T* area = nullptr;
+    if (svfGetMutexAndSemiVolatileArea(&mutex, &mng, &area) != 0) return false;
+    f(*area);
+    return (hslFreeSemiVolatileArea(&mng) == 0) & (hslReleaseMutex(mutex) == 0) &
+           (hslDestroyMutex(mutex) == 0);
 }
 
-// Strips the "(<line>)" of every diagnostic tag so tests compare texts, not line numbers.
+// For forked children: their output goes nowhere.
+inline void silence() {
+    const int devnull = open("/dev/null", O_WRONLY);
+    dup2(devnull, STDOUT_FILENO);
+    dup2(devnull, STDERR_FILENO);
+}
+
+// Replaces the "(<line>)" of every diagnostic tag so tests compare texts, not line numbers.
 inline std::string withoutLineNumbers(const std::string& s) {
-    std::string out;
-    out.reserve(s.size());
-    for (size_t i = 0; i < s.size(); ++i) {
-        if (s[i] == '(') {
-            size_t j = i + 1;
-            while (j < s.size() && s[j] >= '0' && s[j] <= '9') ++j;
-            if (j > i + 1 && s.compare(j, 4, ") : ") == 0) {
-                out += "(N)";
-                i = j;
-                continue;
-            }
-        }
-        out += s[i];
-    }
-    return out;
+    return std::regex_replace(s, std::regex(R"(\(\d+\) : )"), "(N) : ");
+}
+
+// What f printed on stdout and stderr, line numbers replaced.
+struct Output {
+    std::string out, err;
+};
+template <class F>
+Output captured(F&& f) {
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    f();
+    const std::string err = testing::internal::GetCapturedStderr();
+    return {withoutLineNumbers(testing::internal::GetCapturedStdout()), withoutLineNumbers(err)};
 }
 
 }  // namespace brask::test

@@ -1,5 +1,6 @@
 // The named mutex and the file semaphore: mutual exclusion between processes,
-// release by the kernel when a holder dies, time limits.
+// release by the kernel when a holder dies, time limits, give-back calls that
+// do their work and then report failure.
 #include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
@@ -25,18 +26,19 @@ struct Holder {
 
 struct LockKind {
     const char* name;
+    const char* giveFunction;
     int (*take)(Holder&, int timeout);
     int (*give)(Holder&);
 };
 
 const LockKind kKinds[] = {
-    {"NamedMutex",
+    {"NamedMutex", "hslReleaseMutex",
      [](Holder& h, int timeout) {
          if (h.mutex == nullptr && hslCreateMutex(&h.mutex, kLockName) != 0) return -1;
          return hslAcquireMutex(h.mutex, timeout);
      },
      [](Holder& h) { return hslReleaseMutex(h.mutex); }},
-    {"FileSemaphore",
+    {"FileSemaphore", "hslReleaseSysvSemaphore",
      [](Holder& h, int timeout) { return hslAcquireSysvSemaphore(&h.semId, kLockName, timeout); },
      [](Holder& h) { return hslReleaseSysvSemaphore(h.semId); }},
 };
@@ -50,12 +52,8 @@ bool incrementMany(const LockKind& kind, int times) {
     if (fd < 0) return false;
     bool ok = true;
     for (int i = 0; i < times && ok; ++i) {
-        if (kind.take(h, -1) != 0) {
-            ok = false;
-            break;
-        }
         int value = 0;
-        ok = pread(fd, &value, sizeof value, 0) == sizeof value;
+        ok = kind.take(h, -1) == 0 && pread(fd, &value, sizeof value, 0) == sizeof value;
         sched_yield();
         ++value;
         ok = ok && pwrite(fd, &value, sizeof value, 0) == sizeof value;
@@ -68,9 +66,8 @@ bool incrementMany(const LockKind& kind, int times) {
 TEST_P(LockTest, TwoProcessesNeverHoldItAtOnce) {
     ASSERT_EQ(hslChkMakeFile(kCounterFile, sizeof(int)), 0);
     constexpr int kTimes = 3000;
-    const LockKind kind = GetParam();
-    const pid_t a = spawn([&] { return incrementMany(kind, kTimes); });
-    const pid_t b = spawn([&] { return incrementMany(kind, kTimes); });
+    const pid_t a = spawn([this] { return incrementMany(GetParam(), kTimes); });
+    const pid_t b = spawn([this] { return incrementMany(GetParam(), kTimes); });
     ASSERT_TRUE(succeeded(a));
     ASSERT_TRUE(succeeded(b));
     const int fd = open(kCounterFile, O_RDONLY);
@@ -117,6 +114,24 @@ TEST_P(LockTest, ReleasingAFreeLockIsRefused) {
     if (h.mutex != nullptr) hslDestroyMutex(h.mutex);
 }
 
+TEST_P(LockTest, LateFailedGiveBackIsDoneAndReportedAsFailed) {
+    const LockKind kind = GetParam();
+    Holder h;
+    ASSERT_EQ(kind.take(h, -1), 0);
+    ASSERT_EQ(hostFailCallLate(kind.giveFunction, 0, 1, EIO), 0);
+    errno = 0;
+    EXPECT_NE(kind.give(h), 0);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_TRUE(succeeded(spawn([&] {
+        Holder other;
+        return kind.take(other, 300) == 0;
+    }))) << "still held after the give-back";
+    if (h.mutex != nullptr) {
+        ASSERT_EQ(hostFailCallLate("hslDestroyMutex", 0, 1, EIO), 0);
+        EXPECT_NE(hslDestroyMutex(h.mutex), 0);  // freed all the same (LeakSanitizer would say)
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(Kinds, LockTest, ::testing::ValuesIn(kKinds),
                          [](const auto& p) { return std::string(p.param.name); });
 
@@ -128,6 +143,23 @@ TEST(NamedMutex, HandleCarriesNameAndSet) {
     EXPECT_EQ(m->OwnerPID, getpid());
     EXPECT_TRUE(exists("/var/hsl/a-mutex-name-longer-than-thirty-one-characters"));
     EXPECT_EQ(hslDestroyMutex(m), 0);
+}
+
+TEST(LateFailure, UnmapIsDoneAndReportedAsFailed) {
+    hslSemiVolatileMng_T mng{};
+    ASSERT_NE(hslGetSemiVolatileArea(&mng), nullptr);
+    ASSERT_EQ(hostFailCallLate("hslFreeSemiVolatileArea", 0, 1, EIO), 0);
+    EXPECT_NE(hslFreeSemiVolatileArea(&mng), 0);
+    EXPECT_EQ(mng.SemiVolatile_ptr, nullptr);
+    EXPECT_EQ(mng.fd, -1);
+}
+
+TEST(LateFailure, OnlyForGiveBackCalls) {
+    for (const char* name : {"hslAcquireMutex", "hslAddSEL", "API_ExecuteCmd", "nothing"}) {
+        errno = 0;
+        EXPECT_EQ(hostFailCallLate(name, 0, 1, EIO), -1) << name;
+        EXPECT_EQ(errno, EINVAL);
+    }
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <ctime>
 #include <functional>
 #include <string>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -59,10 +60,9 @@ TEST(HostState, SelRecordsReadBackAsWritten) {
     ASSERT_EQ(hslAddSEL(1, 2, 3), 0);
     hostSelRecord_T recs[4] = {};
     ASSERT_EQ(hostSelRead(recs, 1), 2);  // copies one, counts both
+    EXPECT_EQ(recs[1].Arg1, 0);
     ASSERT_EQ(hostSelRead(recs, 4), 2);
-    EXPECT_EQ(recs[0].Arg2, 0x80);
-    EXPECT_EQ(recs[0].EventData, 0x11);
-    EXPECT_EQ(recs[1].Arg1, 1);
+    EXPECT_EQ(std::tuple(recs[0].Arg2, recs[0].EventData, recs[1].Arg1), std::tuple(0x80, 0x11, 1));
     EXPECT_GE(recs[1].TimeStamp, before);
     ASSERT_EQ(hostSelClear(), 0);
     EXPECT_EQ(hostSelRead(recs, 4), 0);
@@ -86,10 +86,10 @@ TEST(HostState, EepromAndMadeFiles) {
 
 TEST(HostState, Hooks) {
     EXPECT_EQ(lanCheckMaintenanceMode(), 0);
-    ASSERT_EQ(hostSetMaintenanceMode(1), 0);
-    EXPECT_EQ(lanCheckMaintenanceMode(), 1);
-    ASSERT_EQ(hostSetMaintenanceMode(0), 0);
-    EXPECT_EQ(lanCheckMaintenanceMode(), 0);
+    for (int mode : {1, 0}) {
+        ASSERT_EQ(hostSetMaintenanceMode(mode), 0);
+        EXPECT_EQ(lanCheckMaintenanceMode(), mode);
+    }
     EXPECT_EQ(svfApplyTimeInfo(), 0);
     EXPECT_EQ(Svp_update_next_schedule(1234), 0);
     EXPECT_EQ(hostApplyTimeInfoCount(), 1);
@@ -115,14 +115,9 @@ std::vector<FaultCase> faultCases() {
     return {
         {"API_ExecuteCmd", [] { return storage(SVF_CMD_GET_SEL_TIME, {}).size() == 5; }},
         {"hslCreateMutex",
-         [] {
-             Mutex_T* m = nullptr;
-             return hslCreateMutex(&m, "/var/hsl/fm") == 0 && hslDestroyMutex(m) == 0;
-         }},
+         [] { Mutex_T* m = nullptr; return hslCreateMutex(&m, "/var/hsl/fm") == 0 && hslDestroyMutex(m) == 0; }},
         {"hslAcquireMutex",
-         [=] {
-             return needMutex() && hslAcquireMutex(mutex, 1000) == 0 && hslReleaseMutex(mutex) == 0;
-         }},
+         [=] { return needMutex() && hslAcquireMutex(mutex, 1000) == 0 && hslReleaseMutex(mutex) == 0; }},
         {"hslReleaseMutex",
          [=] {
              if (!needMutex() || (!mutexHeld && hslAcquireMutex(mutex, 1000) != 0)) return false;
@@ -164,11 +159,7 @@ std::vector<FaultCase> faultCases() {
          }},
         {"hslAddSEL", [] { return hslAddSEL(0, 0x80, 1) == 0; }},
         {"hslChkMakeFile", [] { return hslChkMakeFile("/var/hsl/made", 1) == 0; }},
-        {"brask_ReadWriteEEPROM",
-         [] {
-             INT8U b[2];
-             return brask_ReadWriteEEPROM(0, 0, 0, b, 0, 2, 0) == 2;
-         }},
+        {"brask_ReadWriteEEPROM", [] { INT8U b[2]; return brask_ReadWriteEEPROM(0, 0, 0, b, 0, 2, 0) == 2; }},
     };
 }
 
@@ -220,11 +211,9 @@ TEST(BadArguments, FailWithEinval) {
         {"area without record", [] { return hslGetSemiVolatileArea(nullptr) == nullptr; }},
         {"free without record", [] { return hslFreeSemiVolatileArea(nullptr) != 0; }},
         {"free of an unmapped record", [&] { return hslFreeSemiVolatileArea(&mng) != 0; }},
-        {"semaphore without id slot",
-         [] { return hslAcquireSysvSemaphore(nullptr, "/var/hsl/x", -1) != 0; }},
+        {"semaphore without id slot", [] { return hslAcquireSysvSemaphore(nullptr, "/var/hsl/x", -1) != 0; }},
         {"semaphore without name", [&] { return hslAcquireSysvSemaphore(&semId, nullptr, -1) != 0; }},
-        {"semaphore with timeout -2",
-         [&] { return hslAcquireSysvSemaphore(&semId, "/var/hsl/x", -2) != 0; }},
+        {"semaphore with timeout -2", [&] { return hslAcquireSysvSemaphore(&semId, "/var/hsl/x", -2) != 0; }},
         {"release of no semaphore", [] { return hslReleaseSysvSemaphore(-1) != 0; }},
         {"make file without path", [] { return hslChkMakeFile(nullptr, 1) != 0; }},
         {"make file of negative size", [] { return hslChkMakeFile("/var/hsl/y", -1) != 0; }},
@@ -233,8 +222,7 @@ TEST(BadArguments, FailWithEinval) {
          [&] { return brask_ReadWriteEEPROM(0, 0, 0, buf, HOST_EEPROM_SIZE, 1, 0) == -1; }},
         {"EEPROM length past the end",
          [&] { return brask_ReadWriteEEPROM(0, 0, 0, buf, HOST_EEPROM_SIZE - 1, 2, 1) == -1; }},
-        {"EEPROM huge length",
-         [&] { return brask_ReadWriteEEPROM(0, 0, 0, buf, 1, 0xFFFFFFFFu, 0) == -1; }},
+        {"EEPROM huge length", [&] { return brask_ReadWriteEEPROM(0, 0, 0, buf, 1, 0xFFFFFFFFu, 0) == -1; }},
         {"FRU image too small", [] { return hostFruMakeImage(511, "M", "S") != 0; }},
         {"FRU image without model", [] { return hostFruMakeImage(1024, nullptr, "S") != 0; }},
         {"SEL read into nothing", [] { return hostSelRead(nullptr, 2) == -1; }},
