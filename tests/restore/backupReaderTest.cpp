@@ -12,10 +12,13 @@ namespace {
 
 constexpr char kBackup[] = "/var/brask/BMC.bak";
 
-ByteVec sampleBackup(BackupSpec shape = {}) {
-    shape.blocks = {buildBlock({}), buildBlock({entryFor("/conf/resolv.conf", "restored\n"),
-                                               entryFor("/conf/hid.conf", "hid\n")})};
-    return buildBackup(shape);
+ByteVec withDescriptor(unsigned block, std::uint32_t offset, std::int32_t size) {
+    ByteVec f = sampleBackup();
+    std::uint8_t* d = f.data() + 96 + 16 * block;
+    std::memcpy(d, &offset, 4);
+    std::memcpy(d + 4, &size, 4);
+    sealBackup(f);
+    return f;
 }
 
 struct ReaderCase {
@@ -26,112 +29,47 @@ struct ReaderCase {
     int expected;
 };
 
-ByteVec flipped(std::size_t at) {
-    ByteVec f = sampleBackup();
-    f[at] ^= 0x10;
-    return f;
-}
-
-ByteVec withDescriptor(unsigned block, std::uint32_t offset, std::int32_t size) {
-    ByteVec f = sampleBackup();
-    std::uint8_t* d = f.data() + 96 + 16 * block;
-    std::memcpy(d, &offset, 4);
-    std::memcpy(d + 4, &size, 4);
-    sealBackup(f);
-    return f;
-}
-
+constexpr INT8U kWeb = BMC_WEB_CONSOLE;
 const ReaderCase kReaderCases[] = {
-    {"Missing", nullptr, BMC_FILE, BMC_WEB_CONSOLE, -2},
-    {"ShorterThanHeader", [] { return ByteVec(95, 0); }, BMC_FILE, BMC_WEB_CONSOLE, -2},
-    {"FlippedHeaderByte", [] { return flipped(40); }, BMC_FILE, BMC_WEB_CONSOLE, -4},
-    {"FlippedTableByte", [] { return flipped(100); }, BMC_FILE, BMC_WEB_CONSOLE, -4},
-    {"FlippedBlockByte", [] { return flipped(sampleBackup().size() - 2); }, BMC_FILE,
-     BMC_WEB_CONSOLE, -4},
-    {"Version2",
-     [] {
-         BackupSpec s;
-         s.version = 2;
-         return sampleBackup(s);
-     },
-     BMC_FILE, BMC_WEB_CONSOLE, -9},
-    {"OtherFwType", [] { return sampleBackup(); }, EFI_FILE, BMC_WEB_CONSOLE, -8},
-    {"FwTypeOutOfRange", [] { return sampleBackup(); }, 2, BMC_WEB_CONSOLE, -1},
-    {"DataRev1Web",
-     [] {
-         BackupSpec s;
-         s.dataRev = 1;
-         return sampleBackup(s);
-     },
-     BMC_FILE, BMC_WEB_CONSOLE, -7},
-    {"DataRev1Svp",
-     [] {
-         BackupSpec s;
-         s.dataRev = 1;
-         return sampleBackup(s);
-     },
-     BMC_FILE, SVP_CONSOL, -7},
-    {"DataRev1NplusM",
-     [] {
-         BackupSpec s;
-         s.dataRev = 1;
-         return sampleBackup(s);
-     },
-     BMC_FILE, N_P_M, 0},
-    {"OtherModel",
-     [] {
-         BackupSpec s;
-         s.ownIdentity = false;
-         s.model = "OTHER-MODEL";
-         s.serial = "SN0001";
-         return sampleBackup(s);
-     },
-     BMC_FILE, BMC_WEB_CONSOLE, -6},
-    {"OtherSerial",
-     [] {
-         BackupSpec s;
-         svfBraskBackupFileHeader_T own{};
-         svfGetProductIdFru(&own);
-         s.ownIdentity = false;
-         s.model.assign(reinterpret_cast<char*>(own.ModelNumber), sizeof own.ModelNumber);
-         s.serial = "SN9999";
-         return sampleBackup(s);
-     },
-     BMC_FILE, BMC_WEB_CONSOLE, -6},
+    {"Missing", nullptr, BMC_FILE, kWeb, -2},
+    {"ShorterThanHeader", [] { return ByteVec(95, 0); }, BMC_FILE, kWeb, -2},
+    {"FlippedHeaderByte", [] { return flipped(40); }, BMC_FILE, kWeb, -4},
+    {"FlippedTableByte", [] { return flipped(100); }, BMC_FILE, kWeb, -4},
+    {"FlippedBlockByte", [] { return flipped(sampleBackup().size() - 2); }, BMC_FILE, kWeb, -4},
+    {"Version2", [] { return sampleBackup({.version = 2}); }, BMC_FILE, kWeb, -9},
+    {"OtherFwType", [] { return sampleBackup(); }, EFI_FILE, kWeb, -8},
+    {"FwTypeOutOfRange", [] { return sampleBackup(); }, 2, kWeb, -1},
+    {"DataRev1Web", [] { return sampleBackup({.dataRev = 1}); }, BMC_FILE, kWeb, -7},
+    {"DataRev1Svp", [] { return sampleBackup({.dataRev = 1}); }, BMC_FILE, SVP_CONSOL, -7},
+    {"DataRev1NplusM", [] { return sampleBackup({.dataRev = 1}); }, BMC_FILE, N_P_M, 0},
+    {"OtherModel", [] { return sampleBackup({.ownIdentity = false, .model = "OTHER-MODEL"}); },
+     BMC_FILE, kWeb, -6},
+    {"OtherSerial", [] { return sampleBackup({.ownIdentity = false, .serial = "SN9999"}); },
+     BMC_FILE, kWeb, -6},
     {"OtherServerNplusM",
-     [] {
-         BackupSpec s;
-         s.ownIdentity = false;
-         s.model = "OTHER-MODEL";
-         s.serial = "SN9999";
-         return sampleBackup(s);
-     },
+     [] { return sampleBackup({.ownIdentity = false, .model = "OTHER", .serial = "SN9999"}); },
      BMC_FILE, N_P_M, 0},
-    {"BlockPastEnd", [] { return withDescriptor(1, 136, 1 << 20); }, BMC_FILE, BMC_WEB_CONSOLE,
-     -1},
-    {"OffsetPastEnd", [] { return withDescriptor(1, 0x7FFFFFF0, 8); }, BMC_FILE, BMC_WEB_CONSOLE,
-     -1},
-    {"NegativeBlockSize", [] { return withDescriptor(1, 136, -1); }, BMC_FILE, BMC_WEB_CONSOLE,
-     -1},
+    {"BlockPastEnd", [] { return withDescriptor(1, 136, 1 << 20); }, BMC_FILE, kWeb, -1},
+    {"OffsetPastEnd", [] { return withDescriptor(1, 0x7FFFFFF0, 8); }, BMC_FILE, kWeb, -1},
+    {"NegativeBlockSize", [] { return withDescriptor(1, 136, -1); }, BMC_FILE, kWeb, -1},
     // Inside the file, so split as described; its own sum then fails.
-    {"BlockShorterThanItsHeader", [] { return withDescriptor(1, 136, 4); }, BMC_FILE,
-     BMC_WEB_CONSOLE, -4},
+    {"BlockShorterThanItsHeader", [] { return withDescriptor(1, 136, 4); }, BMC_FILE, kWeb, -4},
 };
 
 class BackupReader : public RestoreTest, public ::testing::WithParamInterface<ReaderCase> {};
 
 TEST_P(BackupReader, AnswersItsCodeAndLeavesConfAlone) {
+    const ReaderCase& c = GetParam();
     populateConf();
     // The reader opens the backup file of the type it is asked for.
-    if (GetParam().file != nullptr)
-        writeBytes(GetParam().fwType == EFI_FILE ? "/var/brask/EFI.bak" : kBackup, GetParam().file());
+    const char* path = c.fwType == EFI_FILE ? "/var/brask/EFI.bak" : kBackup;
+    if (c.file != nullptr) writeBytes(path, c.file());
     const auto before = snapshotTree();
     INT8U blocks = 0xEE;
-    EXPECT_EQ(svfExtractBraskBackupFile(GetParam().fwType, GetParam().mode, &blocks),
-              GetParam().expected);
+    EXPECT_EQ(svfExtractBraskBackupFile(c.fwType, c.mode, &blocks), c.expected);
     EXPECT_EQ(diffSnapshots(before, snapshotTree()), "");
-    if (GetParam().expected == 0) {
-        EXPECT_EQ(blocks, GetParam().mode == N_P_M ? 1 : 2);
+    if (c.expected == 0) {
+        EXPECT_EQ(blocks, c.mode == N_P_M ? 1 : 2);
     }
 }
 
@@ -155,6 +93,12 @@ TEST_F(RestoreTest, SplitWritesEachBlockBesideTheBackup) {
     shape.blocks = {b0, b1};
     writeBytes(kBackup, buildBackup(shape));
     INT8U blocks = 0;
+    // N+M restores block 0 only, so only it is split.
+    ASSERT_EQ(svfExtractBraskBackupFile(BMC_FILE, N_P_M, &blocks), 0);
+    EXPECT_EQ(blocks, 1);
+    EXPECT_EQ(readBytes("/var/brask/BMC.bak-0"), b0);
+    EXPECT_FALSE(exists("/var/brask/BMC.bak-1"));
+
     ASSERT_EQ(svfExtractBraskBackupFile(BMC_FILE, BMC_WEB_CONSOLE, &blocks), 0);
     EXPECT_EQ(blocks, 2);
     EXPECT_EQ(readBytes("/var/brask/BMC.bak-0"), b0);
@@ -164,15 +108,6 @@ TEST_F(RestoreTest, SplitWritesEachBlockBesideTheBackup) {
     writeBytes(kBackup, withDescriptor(1, 136, 1 << 20));
     EXPECT_EQ(svfExtractBraskBackupFile(BMC_FILE, BMC_WEB_CONSOLE, &blocks), -1);
     EXPECT_EQ(readBytes("/var/brask/BMC.bak-1"), ByteVec{});
-}
-
-TEST_F(RestoreTest, NplusMSplitsBlockZeroOnly) {
-    writeBytes(kBackup, sampleBackup());
-    INT8U blocks = 0;
-    ASSERT_EQ(svfExtractBraskBackupFile(BMC_FILE, N_P_M, &blocks), 0);
-    EXPECT_EQ(blocks, 1);
-    EXPECT_TRUE(exists("/var/brask/BMC.bak-0"));
-    EXPECT_FALSE(exists("/var/brask/BMC.bak-1"));
 }
 
 // ---- Block-by-block extraction ---------------------------------------------------

@@ -2,14 +2,17 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <functional>
 #include <sstream>
+#include <thread>
 
-#include "BraskSvf/hostPlatformControl.h"
 #include "BraskSvf/svfApi.h"
 #include "archive/format.h"
+#include "support/sandbox.h"
 #include "support/scenario.h"
 
 namespace brask::test {
@@ -61,10 +64,8 @@ ByteVec buildBackup(const BackupSpec& shape) {
     if (shape.ownIdentity) {
         EXPECT_EQ(svfGetProductIdFru(&header), 0);
     } else {
-        std::memcpy(header.ModelNumber, shape.model.data(),
-                    std::min(shape.model.size(), sizeof header.ModelNumber));
-        std::memcpy(header.SerialNumber, shape.serial.data(),
-                    std::min(shape.serial.size(), sizeof header.SerialNumber));
+        shape.model.copy(reinterpret_cast<char*>(header.ModelNumber), sizeof header.ModelNumber);
+        shape.serial.copy(reinterpret_cast<char*>(header.SerialNumber), sizeof header.SerialNumber);
     }
     header.Version = shape.version;
     header.DataRev = shape.dataRev;
@@ -95,10 +96,25 @@ void sealBackup(ByteVec& file) {
     fmt::putU32(file.data() + 92, fmt::zeroSumComplement(fmt::wordSum(area)));
 }
 
-ByteVec bmcBackupOf(const std::vector<EntrySpec>& entries) {
-    BackupSpec shape;
-    shape.blocks = {buildBlock({}), buildBlock(entries)};
+ByteVec sampleBackup(BackupSpec shape) {
+    if (!shape.ownIdentity && (shape.model.empty() || shape.serial.empty())) {
+        svfBraskBackupFileHeader_T own{};
+        EXPECT_EQ(svfGetProductIdFru(&own), 0);
+        const auto text = [](const auto& f) {
+            return std::string(reinterpret_cast<const char*>(f), sizeof f);
+        };
+        if (shape.model.empty()) shape.model = text(own.ModelNumber);
+        if (shape.serial.empty()) shape.serial = text(own.SerialNumber);
+    }
+    shape.blocks = {buildBlock({}), buildBlock({entryFor("/conf/resolv.conf", "restored\n"),
+                                               entryFor("/conf/hid.conf", "hid\n")})};
     return buildBackup(shape);
+}
+
+ByteVec flipped(std::size_t at) {
+    ByteVec f = sampleBackup();
+    f[at] ^= 0x10;
+    return f;
 }
 
 TreeSnapshot snapshotTree(const std::string& root) {
@@ -154,17 +170,19 @@ std::vector<std::string> deleteFirstPaths() {
     return paths;
 }
 
-void RestoreTest::SetUp() {
-    svfIniTimer();
-    hostResetFaults();
-    hostResetCounters();
-    hostSetFwUpdateState(0);
-    hostSetMaintenanceMode(0);
+bool waitForCommand(const std::string& line) {
+    for (int i = 0; i < 500; ++i) {
+        if (commandLog().find(line) != std::string::npos) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
 }
 
-void RestoreTest::TearDown() {
-    svfIniTimer();
-    hostResetFaults();
+bool inOrder(const std::string& text, std::initializer_list<const char*> parts) {
+    std::vector<std::size_t> at;
+    for (const char* p : parts) at.push_back(text.find(p));
+    return std::find(at.begin(), at.end(), std::string::npos) == at.end() &&
+           std::adjacent_find(at.begin(), at.end(), std::greater_equal<>()) == at.end();
 }
 
 }  // namespace brask::test

@@ -1,13 +1,14 @@
-// Helpers of the restore suite: archive blocks and backup files built with
-// the format layer's encoders (each sealed with a valid checksum unless a
-// test breaks it on purpose), a snapshot of the /conf tree, and a fixture
-// that starts each case with idle countdowns and no injected faults.
+// Helpers of the restore suite (svfdump's suite uses the block builder and the
+// snapshots too): archive blocks and backup files built with the format
+// layer's encoders, each sealed with a valid checksum unless a test breaks it
+// on purpose, and a snapshot of the /conf tree.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <cstdint>
+#include <initializer_list>
 #include <map>
 #include <optional>
 #include <string>
@@ -40,22 +41,24 @@ ByteVec buildBlock(const std::vector<EntrySpec>& entries);
 void sealBlock(ByteVec& block);
 
 struct BackupSpec {
-    std::vector<ByteVec> blocks;
+    std::vector<ByteVec> blocks{};  // {} lets cases name only the fields they change
     std::uint8_t fwType = BMC_FILE;
     std::uint8_t version = 1;
     std::uint8_t dataRev = 0;
     bool ownIdentity = true;  // model and serial of this server's FRU
-    std::string model;        // used when !ownIdentity
-    std::string serial;
+    std::string model{};      // used when !ownIdentity
+    std::string serial{};
 };
 // A backup file: header, block table and blocks, sealed.
 ByteVec buildBackup(const BackupSpec& shape);
 // Recomputes the header checksum after the header or table was changed.
 void sealBackup(ByteVec& file);
-
-// The BMC backup a web-console backup would make from `entries`: an empty
-// block 0 and the entries in block 1.
-ByteVec bmcBackupOf(const std::vector<EntrySpec>& entries);
+// The backup most cases restore: an empty block 0, resolv.conf and hid.conf
+// in block 1, header fields from `shape`. A foreign identity's empty model or
+// serial is this server's.
+ByteVec sampleBackup(BackupSpec shape = {});
+// sampleBackup() with one bit of byte `at` flipped, the checksum left as it was.
+ByteVec flipped(std::size_t at);
 
 struct FileState {
     std::uintmax_t size = 0;
@@ -75,10 +78,14 @@ std::string diffSnapshots(const TreeSnapshot& before, const TreeSnapshot& after)
 // Every catalogue row with RestoreType 4.
 std::vector<std::string> deleteFirstPaths();
 
-class RestoreTest : public ::testing::Test {
-protected:
-    void SetUp() override;
-    void TearDown() override;
-};
+// Waits up to 5 s for `line` in the sandbox's command log (a child writes it).
+bool waitForCommand(const std::string& line);
+
+// Every part is in `text`, each first seen after the one before it.
+bool inOrder(const std::string& text, std::initializer_list<const char*> parts);
+
+// The runner resets the sandbox, the countdowns and the host's faults before
+// every case, so the fixture adds nothing of its own.
+class RestoreTest : public ::testing::Test {};
 
 }  // namespace brask::test
