@@ -4,9 +4,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <functional>
 
 #include "BraskSvf/hostPlatformControl.h"
 #include "BraskSvf/svfApi.h"
@@ -24,33 +26,32 @@ constexpr std::size_t kTraceHeader = 16;
 constexpr std::size_t kTraceRecord = 32;
 constexpr int kTraceSlots = 201;
 
-// Runs `f` with both standard streams captured into `output`: the flows
-// print a line per step and the sweep runs them hundreds of times.
-template <class F>
-auto quietly(std::string& output, F&& f) {
+// Runs `f` on a response buffer with both standard streams captured: the
+// flows print a line per step and the sweep runs them hundreds of times.
+Outcome run(const std::function<int(INT8U*)>& f) {
+    Outcome o;
+    INT8U res[8] = {0xEE};
     ::testing::internal::CaptureStdout();
     ::testing::internal::CaptureStderr();
-    auto result = f();
-    output = ::testing::internal::GetCapturedStdout();
-    output += ::testing::internal::GetCapturedStderr();
-    return result;
+    const int length = f(res);
+    o.output = ::testing::internal::GetCapturedStdout();
+    o.output += ::testing::internal::GetCapturedStderr();
+    // Reaps the KVM stop child of the Execute Restore Event handler.
+    while (::waitpid(-1, nullptr, 0) > 0 || errno == EINTR) {
+    }
+    o.code = res[0];
+    o.response.assign(res, res + std::clamp(length, 0, 8));
+    o.sel = selEvents();
+    return o;
 }
 
-int handler(int (*h)(INT8U*, INT8U, INT8U*, int), std::string& output) {
+// A web-console request on the BMC files.
+int webRequest(int (*handler)(INT8U*, INT8U, INT8U*, int), INT8U* res) {
     INT8U req[6] = {BMC_FILE, BMC_WEB_CONSOLE, 0, 0, 0, 0};
-    INT8U res[8] = {0xEE};
-    return quietly(output, [&] {
-        (void)h(req, sizeof req, res, 0);
-        return static_cast<int>(res[0]);
-    });
+    return handler(req, sizeof req, res, 0);
 }
 
 bool knownState(INT8U s) { return s <= ST_INVALID_DATA || (s >= 0x13 && s <= 0x16); }
-
-std::vector<std::uint8_t>& webBackup() {
-    static std::vector<std::uint8_t> bytes;
-    return bytes;
-}
 
 }  // namespace
 
@@ -88,43 +89,33 @@ LockState probeLocks() {
     return LockState{(bits & 1) != 0, (bits & 2) != 0};
 }
 
+void expectNothingHeld(const Held& before) {
+    const Held after = heldNow();
+    EXPECT_EQ(after, before) << "descriptors " << before.fds << " -> " << after.fds << ", mappings "
+                             << before.maps << " -> " << after.maps;
+    const LockState locks = probeLocks();
+    EXPECT_TRUE(locks.mutexFree) << "the status-area mutex is left held";
+    EXPECT_TRUE(locks.semaphoreFree) << "the file semaphore is left held";
+}
+
 Outcome getEvent() {
-    INT8U res[8] = {0xEE};
-    Outcome o;
-    o.code = quietly(o.output, [&] {
-        (void)svfGetBackupRestoreEvent(nullptr, 0, res);
-        return static_cast<int>(res[0]);
-    });
-    o.sel = selEvents();
-    return o;
+    return run([](INT8U* res) { return svfGetBackupRestoreEvent(nullptr, 0, res); });
 }
-
 Outcome setBackup() {
-    Outcome o;
-    o.code = handler(svfOEMSetBackupEvent, o.output);
-    o.sel = selEvents();
-    return o;
+    return run([](INT8U* res) { return webRequest(svfOEMSetBackupEvent, res); });
 }
-
 Outcome exeRestore() {
-    Outcome o;
-    o.code = handler(svfOEMExeRestoreEvent, o.output);
-    reapChildren();
-    o.sel = selEvents();
-    return o;
+    return run([](INT8U* res) { return webRequest(svfOEMExeRestoreEvent, res); });
 }
 
 Outcome restoreConfigFile() {
-    Outcome o;
-    quietly(o.output, [] {
-        svfRestoreConfigFile();
-        return 0;
-    });
+    Outcome o = run([](INT8U*) { return svfRestoreConfigFile(), 0; });
     o.code = gRebootAfterRestoreTimer;
-    o.sel = selEvents();
-    o.slot = slotState(gRestoreType.Function * 2u + gRestoreType.FileType);
     hslSemiVolatileArea_T area{};
-    if (hostSemiVolRead(&area) == 0) o.restoreFlag = area.svfAutoBack.BmcRestoreFlag;
+    if (hostSemiVolRead(&area) == 0) {
+        o.slot = area.svf.svfStatusList[gRestoreType.Function * 2u + gRestoreType.FileType];
+        o.restoreFlag = area.svfAutoBack.BmcRestoreFlag;
+    }
     return o;
 }
 
@@ -132,16 +123,12 @@ void prepareBackupSource() { populateConf({.optionalFiles = true, .backupCopies 
 
 void prepareRestoreSource() {
     populateConf();
-    std::vector<std::uint8_t>& bytes = webBackup();
-    if (bytes.empty()) {
-        const Outcome made = setBackup();
-        ASSERT_EQ(made.code, 0x00) << "the backup the restore cases start from failed";
-        bytes = readBytes(paths::kBmcWebBackupFile);
-        ASSERT_FALSE(bytes.empty());
-        (void)hostSelClear();
-        return;
-    }
-    writeBytes(paths::kBmcWebBackupFile, bytes);
+    static std::vector<std::uint8_t> bytes;  // made once by a real backup
+    if (!bytes.empty()) return writeBytes(paths::kBmcWebBackupFile, bytes);
+    ASSERT_EQ(setBackup().code, 0x00) << "the backup the restore cases start from failed";
+    bytes = readBytes(paths::kBmcWebBackupFile);
+    ASSERT_FALSE(bytes.empty());
+    (void)hostSelClear();
 }
 
 void preparePendingRestore(INT8U function) {
@@ -151,8 +138,7 @@ void preparePendingRestore(INT8U function) {
     static svfRestoreType_T pending{};
     if (split.empty()) {
         prepareRestoreSource();
-        const Outcome accepted = exeRestore();
-        ASSERT_EQ(accepted.code, 0x00) << "the restore the deferred cases start from was refused";
+        ASSERT_EQ(exeRestore().code, 0x00) << "the restore the deferred cases start from was refused";
         pending = gRestoreType;
         for (unsigned i = 0; i < pending.NumOfBlock; ++i) {
             const std::string block = blockFile(i);
@@ -180,32 +166,15 @@ void setSlot(unsigned index, INT8U state) {
     ASSERT_EQ(hostSemiVolWrite(&area), 0);
 }
 
-INT8U slotState(unsigned index) {
-    hslSemiVolatileArea_T area{};
-    if (hostSemiVolRead(&area) != 0) return 0xEE;
-    return area.svf.svfStatusList[index];
-}
-
-void reapChildren() {
-    while (::waitpid(-1, nullptr, 0) > 0 || errno == EINTR) {
-    }
-}
-
-int traceIndex() {
-    const std::vector<std::uint8_t> file = readBytes(paths::kTraceFile);
-    return file.empty() ? -1 : file[0];
-}
-
-std::string checkTraceRing(std::uint32_t notBefore, int* records) {
+std::string checkTraceRing(std::uint32_t notBefore, int& records) {
     const std::vector<std::uint8_t> file = readBytes(paths::kTraceFile);
     const std::size_t made = kTraceHeader + (kTraceSlots - 1) * kTraceRecord;
     if (file.size() != made && file.size() != made + kTraceRecord - 4) {
         return "trace file of " + std::to_string(file.size()) + " bytes";
     }
     if (file[0] >= kTraceSlots) return "header index " + std::to_string(file[0]);
-    for (std::size_t i = 1; i < kTraceHeader; ++i) {
+    for (std::size_t i = 1; i < kTraceHeader; ++i)
         if (file[i] != 0) return "header byte " + std::to_string(i) + " changed";
-    }
     const auto now = static_cast<std::uint32_t>(std::time(nullptr));
     int written = 0;
     for (int slot = 0; slot < kTraceSlots; ++slot) {
@@ -215,16 +184,13 @@ std::string checkTraceRing(std::uint32_t notBefore, int* records) {
         const std::string where = "record " + std::to_string(slot) + ": ";
         const std::uint32_t when = r[24] | r[25] << 8 | r[26] << 16 | static_cast<std::uint32_t>(r[27]) << 24;
         if (when == 0) {
-            for (std::size_t i = 0; i < 24; ++i) {
-                if (r[i] != 0) return where + "no time but data";
-            }
+            if (std::any_of(r, r + 24, [](std::uint8_t b) { return b != 0; })) return where + "no time but data";
             continue;
         }
         ++written;
         if (when < notBefore || when > now) return where + "time " + std::to_string(when);
-        if (at + kTraceRecord <= file.size() && (r[28] | r[29] | r[30] | r[31]) != 0) {
+        if (at + kTraceRecord <= file.size() && (r[28] | r[29] | r[30] | r[31]) != 0)
             return where + "bytes 28..31 written";
-        }
         bool anyEvent = false;
         for (int s = 0; s < SVF_EVENT_SLOT_COUNT; ++s) {
             if (!knownState(r[s])) return where + "state " + std::to_string(r[s]);
@@ -233,9 +199,7 @@ std::string checkTraceRing(std::uint32_t notBefore, int* records) {
         const std::uint8_t* res = r + 16;
         if (std::memcmp(res + 4, r + 12, 4) != 0) return where + "response bytes 4..7 differ";
         if (res[0] == 0x80) {
-            if (anyEvent || res[1] != 0 || res[2] != 0 || res[3] != 0) {
-                return where + "'no event' beside an event";
-            }
+            if (anyEvent || res[1] != 0 || res[2] != 0 || res[3] != 0) return where + "'no event' beside an event";
         } else if (res[0] == 0x00) {
             const unsigned kind = res[1] >> 4;
             if (!anyEvent || kind > 1 || res[2] > 1 || res[3] > 2) return where + "bad event";
@@ -245,7 +209,7 @@ std::string checkTraceRing(std::uint32_t notBefore, int* records) {
             return where + "completion code " + std::to_string(res[0]);
         }
     }
-    if (records != nullptr) *records = written;
+    records = written;
     return "";
 }
 

@@ -19,6 +19,7 @@ using SelCodes = std::vector<std::uint8_t>;
 // restore the reboot countdown it left.  Plus the SEL entries it added.
 struct Outcome {
     int code = -1;
+    std::vector<std::uint8_t> response;  // a handler's answer, as long as it said
     SelCodes sel;
     // Deferred restore only: the event's status byte and the BMC restore
     // flag afterwards.
@@ -42,6 +43,8 @@ struct LockState {
     bool semaphoreFree = false;
 };
 LockState probeLocks();
+// Expects the descriptors and mappings of `before` and both locks free.
+void expectNothingHeld(const Held& before);
 
 // Web-console requests and a call of each handler that keeps its output off
 // the test log.
@@ -65,17 +68,12 @@ std::string blockFile(unsigned block);
 
 // Writes a status byte of the shared area directly (test set-up).
 void setSlot(unsigned index, INT8U state);
-INT8U slotState(unsigned index);
-
-// Reaps every child of this process (the handler's KVM stop child).
-void reapChildren();
 
 // Checks the trace ring "/conf/brask/BackRest.trs2": size, header index in
 // range, and every written record consistent (known state codes, a response
 // that matches its own snapshot, a time within [notBefore, now]).  Returns
 // "" when well formed, else what is wrong.  `records` receives how many slots
 // hold a record.
-std::string checkTraceRing(std::uint32_t notBefore, int* records = nullptr);
-int traceIndex();  // header byte 0, -1 without a file
+std::string checkTraceRing(std::uint32_t notBefore, int& records);
 
 }  // namespace brask::test

@@ -23,21 +23,22 @@ hostLog=/var/log/sandbox-commands.log
 logState() { stat -c '%Y %s' "$hostLog" 2>/dev/null || echo absent; }
 leftState() { find "$tmp" -maxdepth 3 -path "$tmp/brask-sandbox.*/var/$token" 2>/dev/null || true; }
 probe() { BRASK_SANDBOX_PROBE=$1 "${run[@]}" --gtest_filter='SandboxProbe.*' >/dev/null 2>&1; }
+expectStatus() {  # expectStatus <status> <what> <command...>
+  local want=$1 what=$2 status=0
+  shift 2
+  "$@" || status=$?
+  [[ $status -eq $want ]] || fail "$what came out as status $status, expected $want"
+}
 
 logBefore=$(logState)
 "${run[@]}" || fail "test_sandbox failed"
-
 for path in /conf /var /conf/brask /var/brask /tmp /etc/init.d /usr; do
   [[ ! -e $path/$token ]] || fail "$path/$token appeared on the host"
 done
 [[ $(logState) == "$logBefore" ]] || fail "the host's $hostLog changed"
 
-status=0
-probe exit:7 || status=$?
-[[ $status -eq 7 ]] || fail "exit status 7 inside came out as $status"
-status=0
-probe abort || status=$?
-[[ $status -eq 134 ]] || fail "an abort inside came out as status $status, expected 134"
+expectStatus 7 "exit status 7 inside" probe exit:7
+expectStatus 134 "an abort inside" probe abort
 
 # Terminated from outside while running: the sandbox goes down with us and
 # the state directory is still removed.
@@ -49,10 +50,7 @@ for _ in $(seq 100); do
 done
 [[ -n $(leftState) ]] || fail "the sleeping probe never started"
 kill -TERM "$pid"
-status=0
-wait "$pid" || status=$?
-[[ $status -eq 143 ]] || fail "a terminated run exited with $status, expected 143"
-
+expectStatus 143 "a terminated run" wait "$pid"
 left=$(leftState)
 [[ -z $left ]] || fail "state directories not removed: $left"
 

@@ -18,20 +18,17 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "common/scoped.h"
 #include "support/sandbox.h"
+#include "support/scenario.h"
 
+namespace brask::test {
 namespace {
 
-using brask::ScopedFd;
-using brask::test::canChown;
-using brask::test::commandLog;
-using brask::test::resetState;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::IsSupersetOf;
@@ -50,26 +47,13 @@ std::vector<std::string> list(const std::string& dir) {
     return names;
 }
 
-std::string readText(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-bool writeText(const std::string& path, const std::string& text) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
-    return static_cast<bool>(out.flush());
-}
-
 int shell(const std::string& command) {
     const int status = std::system(command.c_str());
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 TEST(SandboxState, EveryCaseStartsFromTheStartingTree) {
-    ASSERT_TRUE(brask::test::insideSandbox());
+    ASSERT_TRUE(insideSandbox());
     EXPECT_THAT(list("/conf"), ElementsAre("BMC1", "brask"));
     EXPECT_THAT(list("/var"), IsSupersetOf({"brask", "hsl", "log"}));
     for (const char* dir : {"/conf/brask", "/conf/BMC1", "/var/brask", "/var/log"})
@@ -81,24 +65,19 @@ TEST(SandboxState, StateFoldersAreWritable) {
     // hostCheck.sh looks for these names on the host afterwards.
     for (const char* dir : {"/conf", "/var", "/conf/brask", "/var/brask", "/tmp"}) {
         const std::string path = std::string(dir) + "/" + token();
-        ASSERT_TRUE(writeText(path, "inside\n")) << path;
-        EXPECT_EQ(readText(path), "inside\n") << path;
+        writeFile(path, "inside\n");
+        EXPECT_EQ(readFile(path), "inside\n") << path;
     }
 }
 
 TEST(SandboxState, ResetClearsLockedFoldersMountsAndSemaphoresButFollowsNoLink) {
-    std::filesystem::create_directories("/conf/deep/a/b");
-    ASSERT_TRUE(writeText("/conf/deep/a/b/file", "x"));
+    writeFile("/conf/deep/a/b/file", "x");
     ASSERT_EQ(::chmod("/conf/deep/a", 0), 0);
     // Outside /conf and /var: a link to it must be removed, not followed.
     const std::string outside = "/tmp/" + token() + "-outside";
-    std::filesystem::create_directories(outside);
-    ASSERT_TRUE(writeText(outside + "/kept", "kept"));
+    writeFile(outside + "/kept", "kept");
     ASSERT_EQ(::symlink(outside.c_str(), "/var/brask/link"), 0);
-    const bool mounted = ::mount("tmpfs", "/var/brask", "tmpfs", 0, "size=8k") == 0;
-    if (mounted) {
-        ASSERT_TRUE(writeText("/var/brask/on-tmpfs", "x"));
-    }
+    if (::mount("tmpfs", "/var/brask", "tmpfs", 0, "size=8k") == 0) writeFile("/var/brask/on-tmpfs", "x");
     const key_t key = 0x5eed;
     ASSERT_GE(::semget(key, 1, IPC_CREAT | 0600), 0);
 
@@ -110,7 +89,7 @@ TEST(SandboxState, ResetClearsLockedFoldersMountsAndSemaphoresButFollowsNoLink) 
     ASSERT_EQ(::stat("/var", &varSt), 0);
     ASSERT_EQ(::stat("/var/brask", &brSt), 0);
     EXPECT_EQ(varSt.st_dev, brSt.st_dev) << "a test's tmpfs stayed mounted";
-    EXPECT_EQ(readText(outside + "/kept"), "kept");
+    EXPECT_EQ(readFile(outside + "/kept"), "kept");
     errno = 0;
     EXPECT_EQ(::semget(key, 1, 0), -1);
     EXPECT_EQ(errno, ENOENT);
@@ -129,23 +108,12 @@ TEST(SandboxHost, HostTreesAreReadOnly) {
 }
 
 TEST(SandboxCommands, InitScriptsAndRebootOnlyLogTheirCall) {
-    struct Case {
-        const char* command;
-        const char* logged;
-    };
-    const Case cases[] = {
-        {"reboot", "reboot"},
-        {"/etc/init.d/kvm_servers stop", "kvm_servers stop"},
-        {"/etc/init.d/webgo stop", "webgo stop"},
-        {"/etc/init.d/inetd stop", "inetd stop"},
-        {"/etc/init.d/ssh stop", "ssh stop"},
-        {"/etc/init.d/ssh", "ssh"},
-        {"reboot -f now", "reboot -f now"},
-    };
+    // Each logs its name (an init script's without the folder) and arguments.
     std::string expected;
-    for (const Case& c : cases) {
-        EXPECT_EQ(shell(c.command), 0) << c.command;
-        expected += std::string(c.logged) + "\n";
+    for (const std::string c : {"reboot", "/etc/init.d/kvm_servers stop", "/etc/init.d/webgo stop",
+                                "/etc/init.d/inetd stop", "/etc/init.d/ssh stop", "/etc/init.d/ssh", "reboot -f now"}) {
+        EXPECT_EQ(shell(c), 0) << c;
+        expected += c.substr(c.rfind('/') + 1) + "\n";
     }
     EXPECT_EQ(commandLog(), expected);
     EXPECT_THAT(list("/etc/init.d"), ElementsAre("inetd", "kvm_servers", "ssh", "webgo"));
@@ -153,35 +121,35 @@ TEST(SandboxCommands, InitScriptsAndRebootOnlyLogTheirCall) {
 }
 
 TEST(SandboxProc, FwInfoReadsBackChangesAndIsRestored) {
-    EXPECT_EQ(readText(brask::test::kFwInfoFile), "FW_VERSION=2.17\n");
-    brask::test::setFwInfo("FW_VERSION=3.05\n");
-    EXPECT_EQ(readText(brask::test::kFwInfoFile), "FW_VERSION=3.05\n");
-    brask::test::removeFwInfo();
+    EXPECT_EQ(readFile(kFwInfoFile), "FW_VERSION=2.17\n");
+    setFwInfo("FW_VERSION=3.05\n");
+    EXPECT_EQ(readFile(kFwInfoFile), "FW_VERSION=3.05\n");
+    removeFwInfo();
     errno = 0;
-    EXPECT_EQ(::access(brask::test::kFwInfoFile, F_OK), -1);
+    EXPECT_EQ(::access(kFwInfoFile, F_OK), -1);
     EXPECT_EQ(errno, ENOENT);
     resetState();
-    EXPECT_EQ(readText(brask::test::kFwInfoFile), "FW_VERSION=2.17\n");
+    EXPECT_EQ(readFile(kFwInfoFile), "FW_VERSION=2.17\n");
 }
 
 TEST(SandboxProc, SelfEntriesShowDescriptorsAndMappings) {
     // A file mapping is looked up by name: sanitizers add mappings of their
     // own at any allocation, so counts are only stable without them.
     const char* file = "/sandbox/bin/reboot";
-    const auto mapped = [file] { return readText("/proc/self/maps").find(file) != std::string::npos; };
-    const int fds = brask::test::openDescriptorCount();
+    const auto mapped = [file] { return readFile("/proc/self/maps").find(file) != std::string::npos; };
+    const int fds = openDescriptorCount();
     ASSERT_GT(fds, 2);
-    ASSERT_GT(brask::test::mappingCount(), 0);
+    ASSERT_GT(mappingCount(), 0);
     {
         ScopedFd fd(::open(file, O_RDONLY | O_CLOEXEC));
         ASSERT_TRUE(fd);
-        EXPECT_EQ(brask::test::openDescriptorCount(), fds + 1);
+        EXPECT_EQ(openDescriptorCount(), fds + 1);
         void* p = ::mmap(nullptr, 64, PROT_READ, MAP_PRIVATE, fd.get(), 0);
         ASSERT_NE(p, MAP_FAILED);
         EXPECT_TRUE(mapped());
         ::munmap(p, 64);
     }
-    EXPECT_EQ(brask::test::openDescriptorCount(), fds);
+    EXPECT_EQ(openDescriptorCount(), fds);
     EXPECT_FALSE(mapped());
     char exe[PATH_MAX] = {};
     ASSERT_GT(::readlink("/proc/self/exe", exe, sizeof exe - 1), 0);
@@ -191,16 +159,12 @@ TEST(SandboxProc, SelfEntriesShowDescriptorsAndMappings) {
 }
 
 TEST(SandboxNamespaces, PidsNetworkAndHostNameArePrivate) {
-    EXPECT_EQ(readText("/run/realproc/1/comm"), "bwrap\n");
-    std::istringstream dev(readText("/proc/self/net/dev"));
+    EXPECT_EQ(readFile("/run/realproc/1/comm"), "bwrap\n");
+    std::istringstream dev(readFile("/proc/self/net/dev"));
     std::vector<std::string> interfaces;
     for (std::string line; std::getline(dev, line);) {
-        const auto colon = line.find(':');
-        if (colon != std::string::npos) {
-            std::string name = line.substr(0, colon);
-            name.erase(0, name.find_first_not_of(' '));
-            interfaces.push_back(name);
-        }
+        if (const auto colon = line.find(':'); colon != std::string::npos)
+            interfaces.push_back(line.substr(0, colon).substr(line.find_first_not_of(' ')));
     }
     EXPECT_THAT(interfaces, ElementsAre("lo"));
     char host[64] = {};
@@ -210,10 +174,10 @@ TEST(SandboxNamespaces, PidsNetworkAndHostNameArePrivate) {
 
 TEST(SandboxIds, ChownWorksExactlyWithoutAUserNamespace) {
     // Started as root there is no user namespace: ids map one to one.
-    const bool identity = readText("/proc/self/uid_map").find("4294967295") != std::string::npos;
+    const bool identity = readFile("/proc/self/uid_map").find("4294967295") != std::string::npos;
     EXPECT_EQ(canChown(), identity);
     if (!canChown()) GTEST_SKIP() << "chown to other ids is not possible here (user namespace)";
-    ASSERT_TRUE(writeText("/conf/owned", "x"));
+    writeFile("/conf/owned", "x");
     ASSERT_EQ(::chown("/conf/owned", 1234, 4321), 0);
     struct stat st{};
     ASSERT_EQ(::stat("/conf/owned", &st), 0);
@@ -226,7 +190,7 @@ TEST(SandboxIds, ChownWorksExactlyWithoutAUserNamespace) {
 TEST(SandboxProbe, Leave) {
     const char* how = std::getenv("BRASK_SANDBOX_PROBE");
     if (how == nullptr) GTEST_SKIP() << "run by hostCheck.sh";
-    ASSERT_TRUE(writeText("/var/" + token(), "probe\n"));
+    writeFile("/var/" + token(), "probe\n");
     const std::string action = how;
     if (action.rfind("exit:", 0) == 0) std::_Exit(std::atoi(action.c_str() + 5));
     if (action == "abort") std::abort();
@@ -235,3 +199,4 @@ TEST(SandboxProbe, Leave) {
 }
 
 }  // namespace
+}  // namespace brask::test

@@ -1,73 +1,28 @@
 // svfsim as a user runs it: each subcommand's exit status and key lines,
 // --json that parses, and the demo to its end.  svfsim runs inside this
 // binary's sandbox and works on its /conf and /var.
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <string>
-#include <chrono>
 #include <vector>
 
 #include "support/sandbox.h"
 #include "support/scenario.h"
+#include "svfsim/runTool.h"
 
 namespace brask::test {
 namespace {
 
 using nlohmann::json;
 
-struct Outcome {
-    int status = -1;
-    std::string out, err;
-};
-
-std::string drain(int fd) {
-    std::string s;
-    char buf[4096];
-    for (ssize_t n; (n = ::read(fd, buf, sizeof buf)) > 0;) s.append(buf, static_cast<std::size_t>(n));
-    ::close(fd);
-    return s;
-}
-
-// Runs svfsim with `args` (split at blanks); stderr goes to a file so that a
-// full stdout pipe cannot block it.
-Outcome svfsim(const std::string& args) {
-    std::vector<std::string> words = sandbox::emulatorPrefix();
-    words.push_back(BRASK_SVFSIM_EXE);
-    for (std::size_t pos = 0; pos < args.size();) {
-        const std::size_t end = std::min(args.find(' ', pos), args.size());
-        if (end > pos) words.push_back(args.substr(pos, end - pos));
-        pos = end + 1;
-    }
-    std::vector<char*> argv;
-    for (std::string& w : words) argv.push_back(w.data());
-    argv.push_back(nullptr);
-    int out[2];
-    if (::pipe(out) != 0) return {};
-    const char* errFile = "/tmp/svfsim-stderr";
-    auto t0 = std::chrono::steady_clock::now();
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        ::dup2(out[1], 1);
-        const int err = ::open(errFile, O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        ::dup2(err, 2);
-        ::close(out[0]);
-        ::execv(argv[0], argv.data());
-        ::_exit(127);
-    }
-    ::close(out[1]);
-    Outcome r;
-    r.out = drain(out[0]);
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    r.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    r.err = readFile(errFile);
-    if (getenv("T")) fprintf(stderr, "%s %ld ms\n", args.c_str(), (long)std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0).count());
-    return r;
+// Runs svfsim with `args` (split at blanks).
+ToolRun svfsim(const std::string& args) {
+    std::vector<std::string> words;
+    std::istringstream in(args);
+    for (std::string w; in >> w;) words.push_back(w);
+    return runTool(BRASK_SVFSIM_EXE, words);
 }
 
 bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
@@ -75,18 +30,20 @@ bool has(const std::string& text, const std::string& part) { return text.find(pa
 class Svfsim : public ::testing::Test {
 protected:
     void SetUp() override {
-        const Outcome r = svfsim("init");
-        ASSERT_EQ(r.status, 0) << r.out << r.err;
+        const ToolRun r = svfsim("init");
+        ASSERT_EQ(r.exit, 0) << r.out << r.err;
     }
 };
 
-// Command lines after init, each on its own fresh BMC: the exit status and a
-// line that must appear on stdout (or, when it fails, on stderr).
+// Command lines after init (or without it), each on its own fresh BMC: the
+// exit status and a line that must appear on stdout (or, when it fails, on
+// stderr).
 struct Case {
     std::vector<std::string> before;  // run first, each must succeed
     std::string command;
-    int status;
+    int exit;
     std::string expected;
+    bool init = true;
 };
 
 TEST_F(Svfsim, SubcommandsAnswerWithTheirStatusAndKeyLines) {
@@ -118,36 +75,30 @@ TEST_F(Svfsim, SubcommandsAnswerWithTheirStatusAndKeyLines) {
         {{"backup"}, "files", 0, "present        67  current   /conf/resolv.conf"},
         {{}, "sel", 0, "SEL is empty"},
         {{"backup"}, "sel", 0, "#2  "},
+        {{}, "status", 1, "not initialized: run 'svfsim init' first", false},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.command);
         resetState();
-        ASSERT_EQ(svfsim("init").status, 0);
-        for (const std::string& b : c.before) ASSERT_EQ(svfsim(b).status, 0) << b;
-        const Outcome r = svfsim(c.command);
-        EXPECT_EQ(r.status, c.status) << r.out << r.err;
-        EXPECT_TRUE(has(c.status == 0 ? r.out : r.out + r.err, c.expected)) << r.out << r.err;
+        if (c.init) { ASSERT_EQ(svfsim("init").exit, 0); }
+        for (const std::string& b : c.before) ASSERT_EQ(svfsim(b).exit, 0) << b;
+        const ToolRun r = svfsim(c.command);
+        EXPECT_EQ(r.exit, c.exit) << r.out << r.err;
+        EXPECT_TRUE(has(c.exit == 0 ? r.out : r.out + r.err, c.expected)) << r.out << r.err;
     }
 }
 
-TEST_F(Svfsim, CommandsRefuseAnUninitializedBmc) {
-    resetState();
-    const Outcome r = svfsim("status");
-    EXPECT_EQ(r.status, 1);
-    EXPECT_TRUE(has(r.err, "not initialized: run 'svfsim init' first")) << r.err;
-}
-
 TEST_F(Svfsim, JsonOutputsParseAndFollowTheBmc) {
-    ASSERT_EQ(svfsim("svp BMC_GENERATE_EVENT Backup.SvpConsole.Bmc").status, 0);
+    ASSERT_EQ(svfsim("svp BMC_GENERATE_EVENT Backup.SvpConsole.Bmc").exit, 0);
     const json event = json::parse(svfsim("event --json").out);
     EXPECT_EQ(event["completionCode"], 0);
     EXPECT_EQ(event["event"]["slotName"], "Backup.SvpConsole.Bmc");
     EXPECT_EQ(event["event"]["stateName"], "ST_GENERATED");
     EXPECT_EQ(event["event"]["kind"], "backup");
 
-    ASSERT_EQ(svfsim("svp BMC_FORCE_CLEAR 9").status, 0);
-    ASSERT_EQ(svfsim("backup").status, 0);
-    ASSERT_EQ(svfsim("restore --no-ticks").status, 0);
+    ASSERT_EQ(svfsim("svp BMC_FORCE_CLEAR 9").exit, 0);
+    ASSERT_EQ(svfsim("backup").exit, 0);
+    ASSERT_EQ(svfsim("restore --no-ticks").exit, 0);
     const json status = json::parse(svfsim("status --json").out);
     ASSERT_EQ(status["slots"].size(), 12u);
     EXPECT_EQ(status["slots"][5]["name"], "Restore.BmcConsole.Bmc");
@@ -155,7 +106,7 @@ TEST_F(Svfsim, JsonOutputsParseAndFollowTheBmc) {
     EXPECT_EQ(status["countdowns"]["killProcess"], 10);  // kept for the next run
     EXPECT_EQ(status["flags"]["BmcRestoreFlag"], 0);
 
-    ASSERT_EQ(svfsim("tick 10").status, 0);
+    ASSERT_EQ(svfsim("tick 10").exit, 0);
     const json sel = json::parse(svfsim("sel --json").out);
     std::vector<int> codes;
     for (const json& e : sel) codes.push_back(e["eventData"]);
@@ -165,28 +116,28 @@ TEST_F(Svfsim, JsonOutputsParseAndFollowTheBmc) {
 }
 
 TEST_F(Svfsim, RestoreOfADamagedBackupFailsWithItsCompletionCode) {
-    ASSERT_EQ(svfsim("backup").status, 0);
+    ASSERT_EQ(svfsim("backup").exit, 0);
     std::vector<std::uint8_t> bytes = readBytes("/var/svfsim/last-web-backup.bak");
     ASSERT_GT(bytes.size(), 300u);
     bytes[200] ^= 0x5A;
     writeBytes("/tmp/damaged.bak", bytes);
-    const Outcome r = svfsim("restore --file /tmp/damaged.bak");
-    EXPECT_EQ(r.status, 1);
+    const ToolRun r = svfsim("restore --file /tmp/damaged.bak");
+    EXPECT_EQ(r.exit, 1);
     EXPECT_TRUE(has(r.out, "completion code 0x81")) << r.out;
     EXPECT_TRUE(has(r.err, "library log: /var/log/svfsim.log")) << r.err;
 }
 
 TEST_F(Svfsim, VerboseShowsTheLibraryLinesAndTheLogKeepsThem) {
-    const Outcome quiet = svfsim("backup");
+    const ToolRun quiet = svfsim("backup");
     EXPECT_FALSE(has(quiet.out + quiet.err, "BRASK_")) << quiet.out << quiet.err;
     EXPECT_TRUE(has(readFile("/var/log/svfsim.log"), "BRASK_DEBUG  : svfOEMSetBackupEvent("));
-    const Outcome loud = svfsim("--verbose event");
+    const ToolRun loud = svfsim("--verbose event");
     EXPECT_TRUE(has(loud.err, "BRASK_")) << loud.err;
 }
 
 TEST_F(Svfsim, DemoRunsToTheEndAndBringsTheFilesBack) {
-    const Outcome r = svfsim("demo");
-    ASSERT_EQ(r.status, 0) << r.out << r.err;
+    const ToolRun r = svfsim("demo");
+    ASSERT_EQ(r.exit, 0) << r.out << r.err;
     EXPECT_TRUE(has(r.out, "demo finished: every damaged file is back")) << r.out;
     for (const char* path : {"/conf/resolv.conf", "/conf/sshd_config",
                              "/conf/brask/bum_home/bmcuser1/.ssh/authorized_keys"}) {
