@@ -1,73 +1,98 @@
 // Shared fixture of the backup suite: clean fault controls, captured output,
-// resource counts, stub commands that fail, and readers of the SEL and the
-// FRU backup file.
+// resource counts and stub commands that fail.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "BraskSvf/hostPlatformControl.h"
 #include "BraskSvf/svfTypes.h"
+#include "support/sandbox.h"
+#include "support/scenario.h"
 
 namespace brask::test {
 
 struct Output {
-    std::string out;
-    std::string err;
+    std::string out, err;
     bool has(const std::string& text) const {
         return out.find(text) != std::string::npos || err.find(text) != std::string::npos;
     }
-    // Number of lines of both streams that contain `text`.
-    int count(const std::string& text) const;
+    // Lines of both streams containing `text` (a trailing newline of `text` ignored).
+    int count(std::string text) const {
+        if (!text.empty() && text.back() == '\n') text.pop_back();
+        int n = 0;
+        for (const std::string* s : {&out, &err}) {
+            std::istringstream lines(*s);
+            for (std::string line; std::getline(lines, line);) n += line.find(text) != std::string::npos;
+        }
+        return n;
+    }
 };
 
-// Runs `f` with standard output and error captured.
+// Calls `f` with standard output and error captured into `o`; returns its result.
 template <class F>
-Output capture(F&& f) {
+auto captured(Output& o, F&& f) {
     ::testing::internal::CaptureStdout();
     ::testing::internal::CaptureStderr();
-    f();
-    Output o;
+    const auto rc = f();
     o.out = ::testing::internal::GetCapturedStdout();
     o.err = ::testing::internal::GetCapturedStderr();
-    return o;
+    return rc;
 }
 
-// Open descriptors and mapped regions of this process: equal before and
-// after an operation means it left nothing behind.
+// Open descriptors and mapped regions at construction: equal before and after
+// an operation means it left nothing behind.
 struct Resources {
-    std::size_t fds = 0;
-    std::size_t maps = 0;
+    int fds = openDescriptorCount(), maps = mappingCount();
     bool operator==(const Resources&) const = default;
 };
-Resources resources();
 
-// While alive, the named shell command (cp, mv, rm) fails with status 1:
-// a stub of that name is placed first in PATH.
+// While alive, the named shell command (cp, mv, rm) fails with status 1: a
+// stub of that name comes first in PATH.
 class FailingCommand {
 public:
-    explicit FailingCommand(const std::string& name);
-    ~FailingCommand();
+    explicit FailingCommand(const std::string& name) : savedPath_(std::getenv("PATH") ? std::getenv("PATH") : "") {
+        writeFile("/tmp/failing-commands/" + name, "#!/bin/sh\nexit 1\n", 0755);
+        ::setenv("PATH", ("/tmp/failing-commands:" + savedPath_).c_str(), 1);
+    }
+    ~FailingCommand() {
+        ::setenv("PATH", savedPath_.c_str(), 1);
+        std::system("rm -rf /tmp/failing-commands");
+    }
     FailingCommand(const FailingCommand&) = delete;
-    FailingCommand& operator=(const FailingCommand&) = delete;
 
 private:
     std::string savedPath_;
 };
 
-// The FRU accesses the IPMI responder served since the last clear.
-std::vector<hostFruAccess_T> fruAccesses();
-// Size field of the FRU backup file header (-1 when the file is shorter).
-long fruHeaderSize(const std::string& path);
+// User information with `users` distinct records of 60 bytes, and its image
+// (the file in its full form: twelve records of 60 bytes).
+inline bumUserInfo_t sampleUsers(std::uint8_t users) {
+    bumUserInfo_t info{};
+    info.header.version = 1;
+    info.header.users = users;
+    for (unsigned i = 0; i < users && i < 12; ++i) {
+        bumUserAttr_t& u = info.user[i];
+        u.header.length = 60;
+        u.bmcUid = static_cast<std::uint8_t>(i + 1);
+        u.passwdFlag = 1;
+        u.role_value = 0x100u + i;
+        std::memset(u.hashedPasswd, static_cast<int>(0x40 + i), sizeof u.hashedPasswd);
+        for (auto& t : u.prevLogin) t = 1700000000u + i;
+    }
+    return info;
+}
 
-// Runs `f` in a forked child and returns its result (an int in 0..255 after
-// the child's exit status, or -1000 when the child died).  For operations
-// that may leave a lock held: the child's exit gives it back.
-int runInChild(int (*f)());
+inline std::vector<std::uint8_t> image(const bumUserInfo_t& info) {
+    const auto* raw = reinterpret_cast<const std::uint8_t*>(&info);
+    return {raw, raw + sizeof info};
+}
 
 class BackupTest : public ::testing::Test {
 protected:
