@@ -87,7 +87,7 @@ TEST_F(RestoreTest, EveryTruncationIsRefused) {
 }
 
 TEST_F(RestoreTest, SplitWritesEachBlockBesideTheBackup) {
-    BackupSpec shape;
+    BackupShape shape;
     const ByteVec b0 = buildBlock({});
     const ByteVec b1 = buildBlock({entryFor("/conf/resolv.conf", "x")});
     shape.blocks = {b0, b1};

@@ -66,7 +66,7 @@ TEST_F(RestoreTest, DeleteFirstRowsAreRemovedUnlessTheBlockCarriesThem) {
     for (const auto& p : doomed) EXPECT_TRUE(exists(p)) << p;
 
     const std::vector<std::string> kept = {doomed[0], doomed[30], doomed[68]};
-    std::vector<EntrySpec> entries;
+    std::vector<EntryShape> entries;
     for (const auto& p : kept) entries.push_back(entryFor(p, "archived " + p, 0100600));
     ASSERT_EQ(extract(buildBlock(entries)), 0);
     for (const auto& p : doomed) {
@@ -125,7 +125,7 @@ TEST_F(RestoreTest, EachFileTakesItsRestoreRule) {
 
 TEST_F(RestoreTest, WholeFileRestoreSetsOwner) {
     if (!canChown()) GTEST_SKIP() << "no chown in this sandbox";
-    EntrySpec resolv = entryFor("/conf/resolv.conf", "x");
+    EntryShape resolv = entryFor("/conf/resolv.conf", "x");
     resolv.uid = resolv.gid = 1234;
     ASSERT_EQ(extract(buildBlock({resolv})), 0);
     EXPECT_EQ(statOf("/conf/resolv.conf").st_uid, 1234u);
@@ -137,7 +137,7 @@ TEST_F(RestoreTest, DeviceRestoresFollowTheirFiles) {
     ByteVec fru(16 + 8, 0);
     fru[0] = 8;
     for (int i = 0; i < 8; ++i) fru[16 + i] = static_cast<std::uint8_t>(0x50 + i);
-    EntrySpec fruEntry = entryFor("/conf/brask/FRUBACKUP.dat", "");
+    EntryShape fruEntry = entryFor("/conf/brask/FRUBACKUP.dat", "");
     fruEntry.data = fru;
     const std::string post = "0123456789";
 
@@ -157,11 +157,11 @@ TEST_F(RestoreTest, DeviceRestoresFollowTheirFiles) {
 
 TEST_F(RestoreTest, UncataloguedTargetsAreSkippedNotWritten) {
     writeFile("/conf/resolv.conf", "old\n");
-    EntrySpec outside = entryFor("/conf/../etc/passwd", "evil\n");
-    EntrySpec unknown = entryFor("/conf/brask/unknown.dat", "x");
+    EntryShape outside = entryFor("/conf/../etc/passwd", "evil\n");
+    EntryShape unknown = entryFor("/conf/brask/unknown.dat", "x");
     // The longest name the layout check accepts (151 bytes): read, then skipped.
-    EntrySpec longest = entryFor("/conf/" + std::string(141, 'n'), "x");
-    const EntrySpec resolv = entryFor("/conf/resolv.conf", "new\n");
+    EntryShape longest = entryFor("/conf/" + std::string(141, 'n'), "x");
+    const EntryShape resolv = entryFor("/conf/resolv.conf", "new\n");
     ASSERT_EQ(extract(buildBlock({outside, unknown, longest, resolv})), 0);
     EXPECT_FALSE(exists("/conf/brask/unknown.dat"));
     EXPECT_NE(readFile("/etc/passwd"), "evil\n");
@@ -172,7 +172,7 @@ TEST_F(RestoreTest, FailureMidBlockKeepsEarlierEntriesAndSkipsCapability) {
     writeFile("/conf/resolv.conf", "old\n");
     writeFile("/conf/hid.conf", "old\n");
     writeFile("/conf/BMCCapability.dat", std::string(51, 'L'));
-    EntrySpec noSuffix = entryFor("/conf/vmedia.conf", "x");
+    EntryShape noSuffix = entryFor("/conf/vmedia.conf", "x");
     noSuffix.storedName = "/conf/vmedia.conf";
     const auto block = buildBlock({entryFor("/conf/resolv.conf", "new\n"),
                                    entryFor("/conf/BMCCapability.dat", std::string(51, 'B')),
@@ -224,7 +224,7 @@ TEST_F(RestoreTest, HostileBlocksAreRejectedWithoutTouchingConf) {
         populateConf();
         for (const auto& p : deleteFirstPaths()) writeFile(p, "live");
         const auto before = snapshotTree();
-        EntrySpec bad = entryFor(c.path, c.data);
+        EntryShape bad = entryFor(c.path, c.data);
         bad.fileOffset = c.fileOffset;
         bad.fileSize = c.fileSize;
         ByteVec block = buildBlock({entryFor("/conf/resolv.conf", "overwritten\n"), bad});

@@ -23,7 +23,7 @@ std::string bytesOf(const INI_BMC_CAPABILITY_T& c) {
 }
 
 // Extracts a block file made of `entries` as block 1 of a BMC backup.
-int extractBlock(const std::vector<EntrySpec>& entries) {
+int extractBlock(const std::vector<EntryShape>& entries) {
     writeBytes("/var/brask/BMC.bak-1", buildBlock(entries));
     char name[] = "/var/brask/BMC.bak-1";
     return svfExtractBraskArchive(BMC_FILE, name, 1);

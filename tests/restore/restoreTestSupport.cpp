@@ -19,8 +19,8 @@ namespace brask::test {
 namespace fmt = brask::format;
 namespace fs = std::filesystem;
 
-EntrySpec entryFor(const std::string& path, const std::string& content, std::uint32_t mode) {
-    EntrySpec e;
+EntryShape entryFor(const std::string& path, const std::string& content, std::uint32_t mode) {
+    EntryShape e;
     e.storedName = path + ".bak";
     e.data.assign(content.begin(), content.end());
     e.mode = mode;
@@ -29,9 +29,9 @@ EntrySpec entryFor(const std::string& path, const std::string& content, std::uin
     return e;
 }
 
-ByteVec buildBlock(const std::vector<EntrySpec>& entries) {
+ByteVec buildBlock(const std::vector<EntryShape>& entries) {
     ByteVec block(fmt::kArchiveHeaderSize, 0);
-    for (const EntrySpec& e : entries) {
+    for (const EntryShape& e : entries) {
         const std::size_t at = block.size();
         svfBraskArchiveEntryInfo_T info{};
         info.FileOffset = e.fileOffset.value_or(
@@ -59,7 +59,7 @@ void sealBlock(ByteVec& block) {
     fmt::putU32(block.data() + 4, fmt::zeroSumComplement(fmt::wordSum(block)));
 }
 
-ByteVec buildBackup(const BackupSpec& shape) {
+ByteVec buildBackup(const BackupShape& shape) {
     svfBraskBackupFileHeader_T header{};
     if (shape.ownIdentity) {
         EXPECT_EQ(svfGetProductIdFru(&header), 0);
@@ -96,7 +96,7 @@ void sealBackup(ByteVec& file) {
     fmt::putU32(file.data() + 92, fmt::zeroSumComplement(fmt::wordSum(area)));
 }
 
-ByteVec sampleBackup(BackupSpec shape) {
+ByteVec sampleBackup(BackupShape shape) {
     if (!shape.ownIdentity && (shape.model.empty() || shape.serial.empty())) {
         svfBraskBackupFileHeader_T own{};
         EXPECT_EQ(svfGetProductIdFru(&own), 0);

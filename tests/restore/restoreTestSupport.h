@@ -20,7 +20,7 @@ namespace brask::test {
 
 using ByteVec = std::vector<std::uint8_t>;
 
-struct EntrySpec {
+struct EntryShape {
     std::string storedName;  // as stored: the backup-copy path
     ByteVec data;
     std::uint32_t mode = 0100644;
@@ -32,15 +32,15 @@ struct EntrySpec {
 };
 
 // An entry for the active file `path` with ".bak" appended.
-EntrySpec entryFor(const std::string& path, const std::string& content,
+EntryShape entryFor(const std::string& path, const std::string& content,
                    std::uint32_t mode = 0100644);
 
 // A whole archive block; its ChkSum makes the block sum to 0.
-ByteVec buildBlock(const std::vector<EntrySpec>& entries);
+ByteVec buildBlock(const std::vector<EntryShape>& entries);
 // Recomputes the ChkSum of a block after it was changed.
 void sealBlock(ByteVec& block);
 
-struct BackupSpec {
+struct BackupShape {
     std::vector<ByteVec> blocks{};  // {} lets cases name only the fields they change
     std::uint8_t fwType = BMC_FILE;
     std::uint8_t version = 1;
@@ -50,13 +50,13 @@ struct BackupSpec {
     std::string serial{};
 };
 // A backup file: header, block table and blocks, sealed.
-ByteVec buildBackup(const BackupSpec& shape);
+ByteVec buildBackup(const BackupShape& shape);
 // Recomputes the header checksum after the header or table was changed.
 void sealBackup(ByteVec& file);
 // The backup most cases restore: an empty block 0, resolv.conf and hid.conf
 // in block 1, header fields from `shape`. A foreign identity's empty model or
 // serial is this server's.
-ByteVec sampleBackup(BackupSpec shape = {});
+ByteVec sampleBackup(BackupShape shape = {});
 // sampleBackup() with one bit of byte `at` flipped, the checksum left as it was.
 ByteVec flipped(std::size_t at);
 

@@ -210,8 +210,8 @@ TEST(Svfdump, ExtractionNeverLeavesItsDirectory) {
             std::filesystem::create_directories("/tmp/dir/conf");
             std::filesystem::create_hard_link("/tmp/outside/victim", "/tmp/dir/conf/a");
         }
-        std::vector<EntrySpec> entries;
-        EntrySpec e;
+        std::vector<EntryShape> entries;
+        EntryShape e;
         e.data = {'x', '\n'};
         e.mode = 0100600;
         for (const auto& n : c.names) entries.push_back((e.storedName = n, e));
