@@ -1,11 +1,13 @@
 // Writes a backup file: header with this server's identity, the firmware
 // revisions and the SEL time, the block table, then the archive blocks.
 // Unit svfBraskArchiver.
+#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <span>
 
 #include "BraskSvf/svfApi.h"
 #include "archive/catalogue.h"
@@ -85,8 +87,20 @@ bool appendBlocks(const char* backupFile, unsigned numOfBlock, std::size_t heade
     return true;
 }
 
-bool writeAll(FILE* fp, const void* data, std::size_t n) {
-    return std::fwrite(data, 1, n, fp) == n && std::fflush(fp) == 0;
+// Each piece goes out in one write; flushed so that a full disk shows here.
+bool writeAll(FILE* fp, std::span<const std::uint8_t> bytes) {
+    return std::fwrite(bytes.data(), 1, bytes.size(), fp) == bytes.size() && std::fflush(fp) == 0;
+}
+
+// The block table in one write, as its descriptors lie in the file.
+bool writeTable(FILE* fp, const svfBraskBackupFileBlockInfo_T* table, unsigned numOfBlock) {
+    std::array<std::uint8_t, format::kBlockInfoSize * SVF_MAX_ARC_BLOCKS> raw{};
+    format::ByteWriter w(raw);
+    for (unsigned i = 0; i < numOfBlock; ++i) {
+        const auto info = format::encodeBlockInfo(table[i]);
+        w.bytes(info.data(), info.size());
+    }
+    return w.ok() && writeAll(fp, std::span(raw).first(w.pos()));
 }
 
 }  // namespace
@@ -150,14 +164,7 @@ int createBackupFile(const catalogue::Selection& cat, INT8U fwType) {
         SVF_ERR("fopen fail(%d)\n", errno);
         return -1;
     }
-    std::uint8_t rawHeader[format::kBackupHeaderSize];
-    std::uint8_t rawTable[format::kBlockInfoSize * SVF_MAX_ARC_BLOCKS];
-    format::encodeBackupHeader(header, rawHeader);
-    for (unsigned i = 0; i < numOfBlock; ++i) {
-        format::encodeBlockInfo(table[i], rawTable + format::kBlockInfoSize * i);
-    }
-    if (!writeAll(out.get(), rawHeader, sizeof rawHeader) ||
-        !writeAll(out.get(), rawTable, format::kBlockInfoSize * numOfBlock)) {
+    if (!writeAll(out.get(), format::encodeBackupHeader(header)) || !writeTable(out.get(), table, numOfBlock)) {
         SVF_ERR("fwrite fail(%d)\n", errno);
         return -1;
     }
@@ -170,8 +177,7 @@ int createBackupFile(const catalogue::Selection& cat, INT8U fwType) {
         SVF_ERR("fseek fail(%d)\n", errno);
         return -1;
     }
-    format::encodeBackupHeader(header, rawHeader);
-    if (!writeAll(out.get(), rawHeader, sizeof rawHeader)) {
+    if (!writeAll(out.get(), format::encodeBackupHeader(header))) {
         SVF_ERR("fwrite fail(%d)\n", errno);
         return -1;
     }

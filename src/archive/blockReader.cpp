@@ -57,13 +57,12 @@ bool partsInside(const format::ArchiveEntry& entry) {
 }
 
 // Walks every entry once without touching the disk.
-bool blockIsWellFormed(format::Bytes block, unsigned numOfEntry, brask::catalogue::Selection cat) {
-    std::size_t p = format::kArchiveHeaderSize;
-    for (unsigned i = 0; i < numOfEntry; ++i) {
-        format::ArchiveEntry entry;
-        const format::Status st = format::decodeArchiveEntry(block, p, entry);
-        if (st != format::Status::Ok) {
-            SVF_ERR("Archive entry %u rejected : %s\n", i, format::statusText(st));
+bool blockIsWellFormed(format::Bytes block, brask::catalogue::Selection cat) {
+    format::ArchiveEntryWalk walk(block);
+    for (format::ArchiveEntry entry; !walk.complete();) {
+        const unsigned i = walk.decoded();
+        if (!walk.next(entry)) {
+            SVF_ERR("Archive entry %u rejected : %s\n", i, format::statusText(walk.status()));
             return false;
         }
         char target[SVF_FILE_PASS_SIZE];
@@ -75,7 +74,6 @@ bool blockIsWellFormed(format::Bytes block, unsigned numOfEntry, brask::catalogu
                 return false;
             }
         }
-        p = entry.nextOffset;
     }
     return true;
 }
@@ -213,7 +211,7 @@ int brask::archive::extractArchive(const brask::catalogue::Selection& cat,
         return -1;
     }
     SVF_DEBUG("FileHeader.NumOfEntry = %d\n", header.NumOfEntry);
-    if (!blockIsWellFormed(block, header.NumOfEntry, cat)) return -1;
+    if (!blockIsWellFormed(block, cat)) return -1;
 
     for (const BackupFileList_T& row : cat) {
         if (row.TargetArcBlock == BlockNum && row.RestoreType == RESTORE_DELETE_FIRST) {
@@ -222,10 +220,8 @@ int brask::archive::extractArchive(const brask::catalogue::Selection& cat,
         }
     }
 
-    std::size_t p = format::kArchiveHeaderSize;
-    for (unsigned i = 0; i < header.NumOfEntry; ++i) {
-        format::ArchiveEntry entry;
-        if (format::decodeArchiveEntry(block, p, entry) != format::Status::Ok) return -1;
+    format::ArchiveEntryWalk walk(block);
+    for (format::ArchiveEntry entry; walk.next(entry);) {
         char target[SVF_FILE_PASS_SIZE];
         switch (targetPathOf(entry.name, target)) {
             case TargetName::NoBackupSuffix:
@@ -237,7 +233,6 @@ int brask::archive::extractArchive(const brask::catalogue::Selection& cat,
             case TargetName::Ok:
                 break;
         }
-        p = entry.nextOffset;
 
         // A path the catalogue does not name is never written, not even its mode.
         const BackupFileList_T* row = brask::catalogue::find(cat, target);

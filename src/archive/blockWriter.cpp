@@ -57,9 +57,10 @@ Packed packRow(FILE* block, const BackupFileList_T& row, svfBraskArchiveEntryInf
         return Packed::Failed;
     }
     const std::size_t nameLength = std::strlen(backupPath);
-    const std::uint64_t dataOffset = std::uint64_t{entry.FileOffset} + format::kArchiveEntryInfoSize + nameLength;
+    INT32U dataOffset = 0;
     // Offsets and sizes are 32 bits wide in the block.
-    if (st.st_size > INT32_MAX || dataOffset + static_cast<std::uint64_t>(st.st_size) > UINT32_MAX) {
+    if (!format::entryDataOffset(entry.FileOffset, nameLength, dataOffset) || st.st_size > INT32_MAX ||
+        std::uint64_t{dataOffset} + static_cast<std::uint64_t>(st.st_size) > UINT32_MAX) {
         SVF_ERR("archive block too large(%ld)\n", static_cast<long>(st.st_size));
         return Packed::Failed;
     }
@@ -67,11 +68,10 @@ Packed packRow(FILE* block, const BackupFileList_T& row, svfBraskArchiveEntryInf
     entry.FileUid = st.st_uid;
     entry.FileGid = st.st_gid;
     entry.FilePermission = st.st_mode;
-    entry.FileOffset = static_cast<INT32U>(dataOffset);
+    entry.FileOffset = dataOffset;
 
-    std::uint8_t descriptor[format::kArchiveEntryInfoSize];
-    format::encodeArchiveEntryInfo(entry, descriptor);
-    if (!writeAll(block, descriptor, sizeof descriptor) || !writeAll(block, backupPath, nameLength)) {
+    const auto descriptor = format::encodeArchiveEntryInfo(entry);
+    if (!writeAll(block, descriptor.data(), descriptor.size()) || !writeAll(block, backupPath, nameLength)) {
         SVF_ERR("fwrite fail(%d)\n", errno);
         return Packed::Failed;
     }
@@ -94,11 +94,10 @@ Packed packRow(FILE* block, const BackupFileList_T& row, svfBraskArchiveEntryInf
 // Writes the header at offset 0; buffered bytes must reach the file too, so
 // a full disk shows here rather than at close.
 bool writeHeader(FILE* block, const svfBraskArchiveFileHeader_T& header) {
-    std::uint8_t raw[format::kArchiveHeaderSize];
-    format::encodeArchiveHeader(header, raw);
+    const auto raw = format::encodeArchiveHeader(header);
     if (std::fflush(block) != 0) return false;
     std::rewind(block);
-    return writeAll(block, raw, sizeof raw) && std::fflush(block) == 0;
+    return writeAll(block, raw.data(), raw.size()) && std::fflush(block) == 0;
 }
 
 int writeBlock(const brask::catalogue::Selection& cat, int numOfFiles, unsigned n) {

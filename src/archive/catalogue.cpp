@@ -1,6 +1,7 @@
 // The backup catalogue (which /conf files a backup holds, and how each is
-// restored) and the naming rule that ties an active file to its ".bak" copy.
-// Unit svfBraskArchiver.
+// restored) and the naming rules that tie an active file to its ".bak" copy
+// and a backup file to its block files.  Pure data and rules: no file is
+// touched and nothing is printed here.
 #include "archive/catalogue.h"
 
 #include <cerrno>
@@ -9,10 +10,7 @@
 #include <string_view>
 
 #include "BraskSvf/svfApi.h"
-#include "common/diag.h"
 #include "common/paths.h"
-
-static constexpr const char kUnit[] = "svfBraskArchiver";
 
 namespace {
 
@@ -156,17 +154,6 @@ static_assert(samePath(BmcBackupFileList[28].FilePass,
 static_assert(samePath(BmcBackupFileList[87].FilePass, "/conf/brask/bum_home/bmcuser11/sshpubkey4"));
 static_assert(samePath(BmcBackupFileList[108].FilePass, brask::paths::kPmConfigFile));
 
-// Copies `src` with ".bak" appended into a 152-byte buffer; false when it
-// would not fit (the buffer is then left untouched).
-bool appendBackupSuffix(const char* src, char* dst) {
-    const std::size_t n = ::strnlen(src, SVF_FILE_PASS_SIZE);
-    if (n > brask::catalogue::kMaxActivePathLength) return false;
-    std::memcpy(dst, src, n);
-    std::memcpy(dst + n, kBackupSuffix.data(), kBackupSuffix.size());
-    dst[n + kBackupSuffix.size()] = '\0';
-    return true;
-}
-
 }  // namespace
 
 namespace brask::catalogue {
@@ -195,39 +182,13 @@ INT8U blockCount(const Selection& cat) {
 
 }  // namespace brask::catalogue
 
-int svfGetBackupFilePass(char* ActiveFilePass, char* BackupFilePass) {
-    if (!appendBackupSuffix(ActiveFilePass, BackupFilePass)) {
-        SVF_ERR("path too long for .bak\n");
-        return -1;
-    }
-    return 0;
-}
-
-int svfGetBackupFileName(char* ActiveFilePass, char* BackupFileName) {
-    const char* slash = std::strrchr(ActiveFilePass, '/');
-    if (slash == nullptr) {
-        SVF_ERR("strrchr fail(%d)\n", errno);
-        return -1;
-    }
-    if (!appendBackupSuffix(slash + 1, BackupFileName)) {
-        SVF_ERR("path too long for .bak\n");
-        return -1;
-    }
-    return 0;
-}
-
-int svfGetActiveFilePass(char* BackupFileName, char* ActiveFilePasss) {
-    const std::size_t n = ::strnlen(BackupFileName, SVF_FILE_PASS_SIZE);
-    if (n >= SVF_FILE_PASS_SIZE) {
-        SVF_ERR("path too long\n");
-        return -1;
-    }
-    std::memcpy(ActiveFilePasss, BackupFileName, n + 1);
-    if (!brask::catalogue::cutAtBackupSuffix(ActiveFilePasss)) {
-        SVF_ERR(".bak Unmatch\n");
-        return -1;
-    }
-    return 0;
+bool brask::catalogue::appendBackupSuffix(const char* src, char* dst) {
+    const std::size_t n = ::strnlen(src, SVF_FILE_PASS_SIZE);
+    if (n > kMaxActivePathLength) return false;
+    std::memcpy(dst, src, n);
+    std::memcpy(dst + n, kBackupSuffix.data(), kBackupSuffix.size());
+    dst[n + kBackupSuffix.size()] = '\0';
+    return true;
 }
 
 bool brask::catalogue::cutAtBackupSuffix(char* name) {

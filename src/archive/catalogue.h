@@ -28,6 +28,10 @@ const BackupFileList_T* find(const Selection& cat, const char* activePath);
 // TargetArcBlock plus 1 (1 for no rows), as an 8-bit value.
 INT8U blockCount(const Selection& cat);
 
+// Copies `src` with ".bak" appended into a 152-byte buffer; false, with the
+// buffer untouched, when it would not fit.
+bool appendBackupSuffix(const char* src, char* dst);
+
 // Cuts `name` at its first ".bak" (the active path of a backup copy); false,
 // with `name` unchanged, when it has none.
 bool cutAtBackupSuffix(char* name);

@@ -3,9 +3,23 @@
 #include "archive/format.h"
 
 #include <bit>
+#include <climits>
+#include <cstdint>
 #include <cstring>
 
 namespace brask::format {
+namespace {
+
+std::uint16_t getU16(const std::uint8_t* p) {
+    return static_cast<std::uint16_t>(p[0] | (p[1] << 8));
+}
+
+std::uint32_t getU32(const std::uint8_t* p) {
+    return std::uint32_t{p[0]} | (std::uint32_t{p[1]} << 8) | (std::uint32_t{p[2]} << 16) |
+           (std::uint32_t{p[3]} << 24);
+}
+
+}  // namespace
 
 const char* statusText(Status s) {
     switch (s) {
@@ -15,7 +29,6 @@ const char* statusText(Status s) {
         case Status::OffsetBeforeName: return "data offset inside its descriptor";
         case Status::NegativeSize: return "negative size";
         case Status::DataPastEnd: return "data past the end";
-        case Status::TrailingBytes: return "bytes after the last entry";
     }
     return "unknown";
 }
@@ -75,27 +88,36 @@ bool ByteCursor::copy(void* dst, std::size_t n) {
     return true;
 }
 
-// ---- Little-endian helpers ---------------------------------------------------------
+// ---- ByteWriter ------------------------------------------------------------------
 
-void putU16(std::uint8_t* p, std::uint16_t v) {
-    p[0] = static_cast<std::uint8_t>(v);
-    p[1] = static_cast<std::uint8_t>(v >> 8);
+bool ByteWriter::room(std::size_t n) {
+    if (ok_ && n <= out_.size() - pos_) return true;
+    ok_ = false;
+    return false;
 }
 
-void putU32(std::uint8_t* p, std::uint32_t v) {
-    p[0] = static_cast<std::uint8_t>(v);
-    p[1] = static_cast<std::uint8_t>(v >> 8);
-    p[2] = static_cast<std::uint8_t>(v >> 16);
-    p[3] = static_cast<std::uint8_t>(v >> 24);
+ByteWriter& ByteWriter::u8(std::uint8_t v) {
+    if (room(1)) out_[pos_++] = v;
+    return *this;
 }
 
-std::uint16_t getU16(const std::uint8_t* p) {
-    return static_cast<std::uint16_t>(p[0] | (p[1] << 8));
+ByteWriter& ByteWriter::u16(std::uint16_t v) {
+    const std::uint8_t le[2] = {static_cast<std::uint8_t>(v), static_cast<std::uint8_t>(v >> 8)};
+    return bytes(le, sizeof le);
 }
 
-std::uint32_t getU32(const std::uint8_t* p) {
-    return std::uint32_t{p[0]} | (std::uint32_t{p[1]} << 8) | (std::uint32_t{p[2]} << 16) |
-           (std::uint32_t{p[3]} << 24);
+ByteWriter& ByteWriter::u32(std::uint32_t v) {
+    const std::uint8_t le[4] = {static_cast<std::uint8_t>(v), static_cast<std::uint8_t>(v >> 8),
+                                static_cast<std::uint8_t>(v >> 16), static_cast<std::uint8_t>(v >> 24)};
+    return bytes(le, sizeof le);
+}
+
+ByteWriter& ByteWriter::bytes(const void* src, std::size_t n) {
+    if (room(n) && n > 0) {
+        std::memcpy(out_.data() + pos_, src, n);
+        pos_ += n;
+    }
+    return *this;
 }
 
 // ---- Checksum --------------------------------------------------------------------
@@ -153,11 +175,10 @@ Status decodeArchiveHeader(Bytes block, svfBraskArchiveFileHeader_T& out) {
     return Status::Ok;
 }
 
-void encodeArchiveHeader(const svfBraskArchiveFileHeader_T& in, std::uint8_t out[kArchiveHeaderSize]) {
-    out[0] = in.Version;
-    out[1] = in.Reserve;
-    putU16(out + 2, in.NumOfEntry);
-    putU32(out + 4, in.ChkSum);
+std::array<std::uint8_t, kArchiveHeaderSize> encodeArchiveHeader(const svfBraskArchiveFileHeader_T& in) {
+    std::array<std::uint8_t, kArchiveHeaderSize> out{};
+    ByteWriter(out).u8(in.Version).u8(in.Reserve).u16(in.NumOfEntry).u32(in.ChkSum);
+    return out;
 }
 
 Status decodeArchiveEntry(Bytes block, std::size_t offset, ArchiveEntry& out) {
@@ -186,19 +207,22 @@ Status decodeArchiveEntry(Bytes block, std::size_t offset, ArchiveEntry& out) {
     return Status::Ok;
 }
 
-void encodeArchiveEntryInfo(const svfBraskArchiveEntryInfo_T& in,
-                            std::uint8_t out[kArchiveEntryInfoSize]) {
-    putU32(out, in.FileOffset);
-    putU32(out + 4, static_cast<std::uint32_t>(in.FileSize));
-    putU32(out + 8, in.FileUid);
-    putU32(out + 12, in.FileGid);
-    putU32(out + 16, in.FilePermission);
+std::array<std::uint8_t, kArchiveEntryInfoSize> encodeArchiveEntryInfo(const svfBraskArchiveEntryInfo_T& in) {
+    std::array<std::uint8_t, kArchiveEntryInfoSize> out{};
+    ByteWriter(out).u32(in.FileOffset).i32(in.FileSize).u32(in.FileUid).u32(in.FileGid).u32(in.FilePermission);
+    return out;
+}
+
+bool entryDataOffset(std::uint64_t entryOffset, std::size_t nameLength, std::uint32_t& out) {
+    const std::uint64_t at = entryOffset + kArchiveEntryInfoSize + nameLength;
+    if (at > UINT32_MAX) return false;
+    out = static_cast<std::uint32_t>(at);
+    return true;
 }
 
 ArchiveEntryWalk::ArchiveEntryWalk(Bytes block) : block_(block) {
     headerOk_ = decodeArchiveHeader(block, header_) == Status::Ok;
     if (!headerOk_) status_ = Status::Truncated;
-    else if (header_.NumOfEntry == 0 && block.size() != kArchiveHeaderSize) status_ = Status::TrailingBytes;
 }
 
 bool ArchiveEntryWalk::next(ArchiveEntry& out) {
@@ -208,7 +232,6 @@ bool ArchiveEntryWalk::next(ArchiveEntry& out) {
     if (status_ != Status::Ok) return false;
     offset_ = entry.nextOffset;
     ++decoded_;
-    if (decoded_ == header_.NumOfEntry && offset_ != block_.size()) status_ = Status::TrailingBytes;
     out = entry;
     return true;
 }
@@ -235,29 +258,26 @@ Status decodeBackupHeader(Bytes file, svfBraskBackupFileHeader_T& out) {
     return Status::Ok;
 }
 
-void encodeBackupHeader(const svfBraskBackupFileHeader_T& in, std::uint8_t out[kBackupHeaderSize]) {
-    std::uint8_t* p = out;
-    auto bytes = [&p](const void* src, std::size_t n) {
-        std::memcpy(p, src, n);
-        p += n;
-    };
-    *p++ = in.Version;
-    *p++ = in.DataRev;
-    bytes(in.Reserve, sizeof in.Reserve);
-    bytes(in.ModelNumber, sizeof in.ModelNumber);
-    bytes(in.SerialNumber, sizeof in.SerialNumber);
-    bytes(in.ModuleType, sizeof in.ModuleType);
-    bytes(in.Reserve2, sizeof in.Reserve2);
-    bytes(in.UUID, sizeof in.UUID);
-    putU32(p, in.TimeStamp);
-    p += 4;
-    *p++ = in.BmcRev.Major;
-    *p++ = in.BmcRev.Minor;
-    *p++ = in.EfiRev.Major;
-    *p++ = in.EfiRev.Minor;
-    *p++ = in.FwType;
-    *p++ = in.NumOfBlock;
-    putU32(p, in.ChkSum);
+std::array<std::uint8_t, kBackupHeaderSize> encodeBackupHeader(const svfBraskBackupFileHeader_T& in) {
+    std::array<std::uint8_t, kBackupHeaderSize> out{};
+    ByteWriter(out)
+        .u8(in.Version)
+        .u8(in.DataRev)
+        .bytes(in.Reserve, sizeof in.Reserve)
+        .bytes(in.ModelNumber, sizeof in.ModelNumber)
+        .bytes(in.SerialNumber, sizeof in.SerialNumber)
+        .bytes(in.ModuleType, sizeof in.ModuleType)
+        .bytes(in.Reserve2, sizeof in.Reserve2)
+        .bytes(in.UUID, sizeof in.UUID)
+        .u32(in.TimeStamp)
+        .u8(in.BmcRev.Major)
+        .u8(in.BmcRev.Minor)
+        .u8(in.EfiRev.Major)
+        .u8(in.EfiRev.Minor)
+        .u8(in.FwType)
+        .u8(in.NumOfBlock)
+        .u32(in.ChkSum);
+    return out;
 }
 
 Status decodeBlockInfo(Bytes file, unsigned index, svfBraskBackupFileBlockInfo_T& out) {
@@ -272,12 +292,15 @@ Status decodeBlockInfo(Bytes file, unsigned index, svfBraskBackupFileBlockInfo_T
     return Status::Ok;
 }
 
-void encodeBlockInfo(const svfBraskBackupFileBlockInfo_T& in, std::uint8_t out[kBlockInfoSize]) {
-    putU32(out, in.BlockOffset);
-    putU32(out + 4, static_cast<std::uint32_t>(in.BlockSize));
-    out[8] = in.CrypticType;
-    out[9] = in.InheritanceType;
-    std::memcpy(out + 10, in.Reserve, sizeof in.Reserve);
+std::array<std::uint8_t, kBlockInfoSize> encodeBlockInfo(const svfBraskBackupFileBlockInfo_T& in) {
+    std::array<std::uint8_t, kBlockInfoSize> out{};
+    ByteWriter(out)
+        .u32(in.BlockOffset)
+        .i32(in.BlockSize)
+        .u8(in.CrypticType)
+        .u8(in.InheritanceType)
+        .bytes(in.Reserve, sizeof in.Reserve);
+    return out;
 }
 
 Status blockBytes(Bytes file, const svfBraskBackupFileBlockInfo_T& info, Bytes& out) {

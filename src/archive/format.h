@@ -2,10 +2,13 @@
 //
 // Every read of outside bytes goes through ByteCursor, which cannot read past
 // the span it was given; decoders return a Status instead of trusting a
-// length or offset from the file.  The file-bound operations, svfdump and the
-// fuzzers all decode through here.  All integers are little-endian.
+// length or offset from the file.  Every encoder writes through ByteWriter,
+// its mirror, so no offset is computed by hand.  The file-bound operations,
+// svfdump, svfsim and the fuzzers all go through here; nothing here touches
+// a file.  All integers are little-endian.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -44,7 +47,6 @@ enum class Status {
     OffsetBeforeName,   // FileOffset points before the end of its descriptor
     NegativeSize,       // FileSize or BlockSize below 0
     DataPastEnd,        // data or a block reaches past the end of the span
-    TrailingBytes,      // bytes after the last entry of a block
 };
 const char* statusText(Status s);
 
@@ -70,11 +72,27 @@ private:
     std::size_t pos_ = 0;
 };
 
-// ---- Little-endian writing into fixed buffers -------------------------------
-void putU16(std::uint8_t* p, std::uint16_t v);
-void putU32(std::uint8_t* p, std::uint32_t v);
-std::uint16_t getU16(const std::uint8_t* p);
-std::uint32_t getU32(const std::uint8_t* p);
+// ---- Bounds-checked writing ---------------------------------------------------
+// Writes forward into a span it cannot overrun.  A put that does not fit
+// writes nothing and makes ok() false for good, so an encoder chains its
+// puts and checks once.
+class ByteWriter {
+public:
+    explicit ByteWriter(std::span<std::uint8_t> out) : out_(out) {}
+    std::size_t pos() const { return pos_; }
+    bool ok() const { return ok_; }
+    ByteWriter& u8(std::uint8_t v);
+    ByteWriter& u16(std::uint16_t v);
+    ByteWriter& u32(std::uint32_t v);
+    ByteWriter& i32(std::int32_t v) { return u32(static_cast<std::uint32_t>(v)); }
+    ByteWriter& bytes(const void* src, std::size_t n);
+
+private:
+    bool room(std::size_t n);
+    std::span<std::uint8_t> out_;
+    std::size_t pos_ = 0;
+    bool ok_ = true;
+};
 
 // ---- The additive checksum -----------------------------------------------------
 // Sum of little-endian 32-bit words modulo 2^32; a final group of 1 to 3
@@ -93,18 +111,22 @@ struct ArchiveEntry {
 };
 
 Status decodeArchiveHeader(Bytes block, svfBraskArchiveFileHeader_T& out);
-void encodeArchiveHeader(const svfBraskArchiveFileHeader_T& in, std::uint8_t out[kArchiveHeaderSize]);
+std::array<std::uint8_t, kArchiveHeaderSize> encodeArchiveHeader(const svfBraskArchiveFileHeader_T& in);
 // Decodes the entry whose descriptor starts at `offset`, checking the name
 // length, FileOffset against the descriptor, FileSize and the data bounds.
 Status decodeArchiveEntry(Bytes block, std::size_t offset, ArchiveEntry& out);
-void encodeArchiveEntryInfo(const svfBraskArchiveEntryInfo_T& in,
-                            std::uint8_t out[kArchiveEntryInfoSize]);
+std::array<std::uint8_t, kArchiveEntryInfoSize> encodeArchiveEntryInfo(const svfBraskArchiveEntryInfo_T& in);
+// FileOffset of an entry that starts at `entryOffset` and stores a name of
+// `nameLength` bytes: its data follow the descriptor and the name.  False
+// when the data would start beyond what 32 bits can say.
+bool entryDataOffset(std::uint64_t entryOffset, std::size_t nameLength, std::uint32_t& out);
 
-// Walks the NumOfEntry entries of a block in order from offset 8, each one
-// starting where the previous one's data ends, as the block reader does.
-// next() yields one entry at a time and stops for good at the first entry
-// that does not decode; status() then says why.  After the last entry,
-// status() is TrailingBytes when the block does not end right there.
+// The one walk of a block's entries, shared by the restore, svfdump, svfsim
+// and the fuzzers: the NumOfEntry entries in order from offset 8, each one
+// starting where the previous one's data ends.  next() yields one entry at a
+// time and stops for good at the first entry that does not decode; status()
+// then says why.  Nothing after the last entry is looked at, as a restore
+// does not; trailingBytes() says how much there is, for a reader to remark.
 class ArchiveEntryWalk {
 public:
     explicit ArchiveEntryWalk(Bytes block);
@@ -114,6 +136,10 @@ public:
     const svfBraskArchiveFileHeader_T& header() const { return header_; }
     unsigned decoded() const { return decoded_; }   // entries handed out so far
     std::size_t offset() const { return offset_; }  // where the next entry would start
+    // Every entry decoded: the walk reached the end of its entries.
+    bool complete() const { return status_ == Status::Ok && decoded_ == header_.NumOfEntry; }
+    // Bytes after the last entry once complete() (0 otherwise).
+    std::size_t trailingBytes() const { return complete() ? block_.size() - offset_ : 0; }
 
 private:
     Bytes block_;
@@ -126,10 +152,10 @@ private:
 
 // ---- Backup file -------------------------------------------------------------------
 Status decodeBackupHeader(Bytes file, svfBraskBackupFileHeader_T& out);
-void encodeBackupHeader(const svfBraskBackupFileHeader_T& in, std::uint8_t out[kBackupHeaderSize]);
+std::array<std::uint8_t, kBackupHeaderSize> encodeBackupHeader(const svfBraskBackupFileHeader_T& in);
 // Descriptor i, read at 96 + 16*i.
 Status decodeBlockInfo(Bytes file, unsigned index, svfBraskBackupFileBlockInfo_T& out);
-void encodeBlockInfo(const svfBraskBackupFileBlockInfo_T& in, std::uint8_t out[kBlockInfoSize]);
+std::array<std::uint8_t, kBlockInfoSize> encodeBlockInfo(const svfBraskBackupFileBlockInfo_T& in);
 // The block a descriptor locates, refused when negative or past the end.
 Status blockBytes(Bytes file, const svfBraskBackupFileBlockInfo_T& info, Bytes& out);
 // The header and block table that the header checksum covers:

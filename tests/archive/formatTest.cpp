@@ -30,16 +30,17 @@ Bytes buildBlock(const std::vector<Entry>& entries) {
         info.FileUid = e.uid;
         info.FileGid = e.gid;
         info.FilePermission = e.mode;
-        std::uint8_t raw[f::kArchiveEntryInfoSize];
-        f::encodeArchiveEntryInfo(info, raw);
-        block.insert(block.end(), raw, raw + sizeof raw);
+        const auto raw = f::encodeArchiveEntryInfo(info);
+        block.insert(block.end(), raw.begin(), raw.end());
         block.insert(block.end(), e.name.begin(), e.name.end());
         block.insert(block.end(), e.data.begin(), e.data.end());
     }
     svfBraskArchiveFileHeader_T h{1, 0, static_cast<INT16U>(entries.size()), 0};
-    f::encodeArchiveHeader(h, block.data());
+    auto raw = f::encodeArchiveHeader(h);
+    std::copy(raw.begin(), raw.end(), block.begin());
     h.ChkSum = f::zeroSumComplement(f::wordSum(block));
-    f::encodeArchiveHeader(h, block.data());
+    raw = f::encodeArchiveHeader(h);
+    std::copy(raw.begin(), raw.end(), block.begin());
     return block;
 }
 
@@ -67,9 +68,8 @@ TEST(FormatLayer, EntryRoundTripOfRandomEntries) {
             EXPECT_EQ(d.info.FileUid, entries[i].uid);
             EXPECT_EQ(d.info.FileGid, entries[i].gid);
             EXPECT_EQ(d.info.FilePermission, entries[i].mode);
-            std::uint8_t again[f::kArchiveEntryInfoSize];
-            f::encodeArchiveEntryInfo(d.info, again);
-            EXPECT_EQ(0, std::memcmp(again, block.data() + d.entryOffset, sizeof again));
+            const auto again = f::encodeArchiveEntryInfo(d.info);
+            EXPECT_EQ(0, std::memcmp(again.data(), block.data() + d.entryOffset, again.size()));
         }
     }
 }
@@ -110,7 +110,8 @@ TEST(FormatLayer, MalformedEntriesAreRefused) {
         svfBraskArchiveEntryInfo_T info{};
         info.FileOffset = 8 + 20 + c.fileOffset;
         info.FileSize = c.fileSize;
-        f::encodeArchiveEntryInfo(info, block.data() + 8);
+        const auto raw = f::encodeArchiveEntryInfo(info);
+        std::copy(raw.begin(), raw.end(), block.begin() + 8);
         f::ArchiveEntry e;
         EXPECT_EQ(f::decodeArchiveEntry(block, 8, e), c.expected);
     }

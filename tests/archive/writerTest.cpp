@@ -83,7 +83,7 @@ TEST_F(Writers, BlockLayoutSkippingMissingOptionalFiles) {
 
     const Bytes block = blockFile(kTestBackup, 1);
     ASSERT_EQ(block.size(), 74u);
-    EXPECT_EQ(f::getU16(&block[2]), 2);
+    EXPECT_EQ(block[2] | block[3] << 8, 2);
     EXPECT_EQ(f::wordSum(block), 0u);
     const auto entries = entriesOf(block);
     ASSERT_EQ(entries.size(), 2u);
@@ -130,17 +130,15 @@ BackupView readBackup(const char* path) {
         ADD_FAILURE() << path << " does not decode";
         return v;
     }
-    std::uint8_t raw[f::kBackupHeaderSize];
-    f::encodeBackupHeader(v.header, raw);
-    EXPECT_EQ(0, std::memcmp(raw, v.file.data(), f::kBackupHeaderSize));
+    const auto raw = f::encodeBackupHeader(v.header);
+    EXPECT_EQ(0, std::memcmp(raw.data(), v.file.data(), f::kBackupHeaderSize));
     std::uint32_t offset = static_cast<std::uint32_t>(f::backupHeaderAreaSize(v.header.NumOfBlock));
     EXPECT_EQ(f::wordSum(f::Bytes(v.file.data(), offset)), 0u);
     for (unsigned i = 0; i < v.header.NumOfBlock; ++i) {
         SCOPED_TRACE("block " + std::to_string(i));
         svfBraskBackupFileBlockInfo_T info{};
         EXPECT_EQ(f::decodeBlockInfo(v.file, i, info), f::Status::Ok);
-        f::encodeBlockInfo(info, raw);
-        EXPECT_EQ(0, std::memcmp(raw, &v.file[f::kBackupHeaderSize + f::kBlockInfoSize * i], f::kBlockInfoSize));
+        EXPECT_EQ(0, std::memcmp(f::encodeBlockInfo(info).data(), &v.file[f::kBackupHeaderSize + f::kBlockInfoSize * i], f::kBlockInfoSize));
         EXPECT_EQ(info.BlockOffset, offset);
         EXPECT_EQ(info.CrypticType, 0);
         EXPECT_EQ(info.InheritanceType, i == 0 ? 7 : i == 1 ? 6 : 2);

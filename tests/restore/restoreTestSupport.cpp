@@ -40,23 +40,24 @@ ByteVec buildBlock(const std::vector<EntryShape>& entries) {
         info.FileUid = e.uid;
         info.FileGid = e.gid;
         info.FilePermission = e.mode;
-        std::uint8_t raw[fmt::kArchiveEntryInfoSize];
-        fmt::encodeArchiveEntryInfo(info, raw);
-        block.insert(block.end(), raw, raw + sizeof raw);
+        const auto raw = fmt::encodeArchiveEntryInfo(info);
+        block.insert(block.end(), raw.begin(), raw.end());
         block.insert(block.end(), e.storedName.begin(), e.storedName.end());
         block.insert(block.end(), e.data.begin(), e.data.end());
     }
     svfBraskArchiveFileHeader_T header{};
     header.Version = fmt::kArchiveVersion;
     header.NumOfEntry = static_cast<std::uint16_t>(entries.size());
-    fmt::encodeArchiveHeader(header, block.data());
+    const auto raw = fmt::encodeArchiveHeader(header);
+    std::copy(raw.begin(), raw.end(), block.begin());
     sealBlock(block);
     return block;
 }
 
 void sealBlock(ByteVec& block) {
-    fmt::putU32(block.data() + 4, 0);
-    fmt::putU32(block.data() + 4, fmt::zeroSumComplement(fmt::wordSum(block)));
+    std::fill(block.begin() + 4, block.begin() + 8, 0);
+    const std::uint32_t sum = fmt::zeroSumComplement(fmt::wordSum(block));
+    for (int i = 0; i < 4; ++i) block[4 + i] = static_cast<std::uint8_t>(sum >> (8 * i));
 }
 
 ByteVec buildBackup(const BackupShape& shape) {
@@ -74,14 +75,16 @@ ByteVec buildBackup(const BackupShape& shape) {
     const std::size_t headerArea = fmt::backupHeaderAreaSize(header.NumOfBlock);
 
     ByteVec file(headerArea, 0);
-    fmt::encodeBackupHeader(header, file.data());
+    const auto rawHeader = fmt::encodeBackupHeader(header);
+    std::copy(rawHeader.begin(), rawHeader.end(), file.begin());
     std::size_t offset = headerArea;
     for (std::size_t i = 0; i < shape.blocks.size(); ++i) {
         svfBraskBackupFileBlockInfo_T info{};
         info.BlockOffset = static_cast<std::uint32_t>(offset);
         info.BlockSize = static_cast<std::int32_t>(shape.blocks[i].size());
         info.InheritanceType = fmt::inheritanceTypeFor(static_cast<unsigned>(i));
-        fmt::encodeBlockInfo(info, file.data() + fmt::kBackupHeaderSize + i * fmt::kBlockInfoSize);
+        const auto rawInfo = fmt::encodeBlockInfo(info);
+        std::copy(rawInfo.begin(), rawInfo.end(), file.begin() + fmt::kBackupHeaderSize + i * fmt::kBlockInfoSize);
         offset += shape.blocks[i].size();
     }
     for (const ByteVec& b : shape.blocks) file.insert(file.end(), b.begin(), b.end());
@@ -91,9 +94,10 @@ ByteVec buildBackup(const BackupShape& shape) {
 
 void sealBackup(ByteVec& file) {
     const std::size_t headerArea = fmt::backupHeaderAreaSize(file[91]);
-    fmt::putU32(file.data() + 92, 0);
+    std::fill(file.begin() + 92, file.begin() + 96, 0);
     const auto area = fmt::Bytes(file.data(), std::min(headerArea, file.size()));
-    fmt::putU32(file.data() + 92, fmt::zeroSumComplement(fmt::wordSum(area)));
+    const std::uint32_t sum = fmt::zeroSumComplement(fmt::wordSum(area));
+    for (int i = 0; i < 4; ++i) file[92 + i] = static_cast<std::uint8_t>(sum >> (8 * i));
 }
 
 ByteVec sampleBackup(BackupShape shape) {

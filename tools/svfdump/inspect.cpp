@@ -31,9 +31,9 @@ std::string targetOf(std::string_view storedName) {
     return name;
 }
 
-// `where` prefixes every failure of this block: "block 1: " or "".
-void inspectBlock(format::Bytes bytes, const std::string& where, Block& block,
-                  std::vector<std::string>& failures) {
+// `where` prefixes every failure and remark of this block: "block 1: " or "".
+void inspectBlock(format::Bytes bytes, const std::string& where, Block& block, Inspection& r) {
+    std::vector<std::string>& failures = r.failures;
     block.located = true;
     block.size = bytes.size();
     format::ArchiveEntryWalk walk(bytes);
@@ -63,9 +63,9 @@ void inspectBlock(format::Bytes bytes, const std::string& where, Block& block,
         }
         block.entries.push_back(std::move(e));
     }
-    if (walk.status() == format::Status::TrailingBytes) {
-        failures.push_back(printf("%s%zu bytes after the last entry", where.c_str(),
-                                  bytes.size() - walk.offset()));
+    if (walk.trailingBytes() > 0) {
+        r.remarks.push_back(printf("%s%zu bytes after the last entry (a restore ignores them)",
+                                   where.c_str(), walk.trailingBytes()));
     } else if (walk.status() != format::Status::Ok) {
         failures.push_back(printf("%sentry %u at offset %zu: %s", where.c_str(), walk.decoded(),
                                   walk.offset(), format::statusText(walk.status())));
@@ -116,7 +116,7 @@ void inspectBackup(format::Bytes file, Inspection& r) {
                                         info.BlockSize, format::statusText(st)));
             continue;
         }
-        inspectBlock(bytes, where, block, r.failures);
+        inspectBlock(bytes, where, block, r);
     }
 }
 
@@ -129,7 +129,7 @@ Inspection inspect(format::Bytes file, std::optional<format::ContentKind> kind) 
     if (r.kind == format::ContentKind::BackupFile) {
         inspectBackup(file, r);
     } else {
-        inspectBlock(file, "", r.blocks.emplace_back(), r.failures);
+        inspectBlock(file, "", r.blocks.emplace_back(), r);
     }
     return r;
 }

@@ -50,6 +50,9 @@ struct Inspection {
     Checksum headerChecksum;
     std::vector<Block> blocks;
     std::vector<std::string> failures;  // one line each; empty when sound
+    // What a restore passes over without a word (bytes after a block's last
+    // entry): worth saying, but no reason to call the file damaged.
+    std::vector<std::string> remarks;
 
     bool sound() const { return failures.empty(); }
 };

@@ -212,6 +212,7 @@ void renderText(std::ostream& out, const std::string& path, const Inspection& r,
     out << '\n';
     field(out, "verdict", r.sound() ? "OK" : "FAILED");
     for (const std::string& f : r.failures) out << "  - " << f << '\n';
+    for (const std::string& m : r.remarks) field(out, "remark", m);
     if (extract) {
         field(out, "extract", extract->ok ? std::to_string(extract->written) + " files written under " +
                                                 escaped(extract->dir)
@@ -253,6 +254,7 @@ void renderJson(std::ostream& out, const std::string& path, const Inspection& r,
     j["blocks"] = std::move(blocks);
     j["ok"] = r.sound();
     j["failures"] = r.failures;
+    j["remarks"] = r.remarks;
     if (extract) {
         j["extract"] = {{"dir", escaped(extract->dir)},
                         {"ok", extract->ok},
