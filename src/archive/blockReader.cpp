@@ -1,26 +1,33 @@
-// Unpacks one archive block over the live configuration: the deletion pass,
-// then every entry written back whole or by its part list, with the device
-// restores of FRU and EEPROM images and the archived owner and mode.
+// Unpacks one archive block over the live configuration.  The block is read
+// and checked, the whole unpacking is planned (restorePlan.h), and the plan
+// is applied: the deletion pass, then every entry in archive order, written
+// back whole or by its part list, with the device restores of FRU and EEPROM
+// images and the archived owner and mode.
 //
-// The block's structure is checked in full before the deletion pass, so a
-// block that passes its checksum but is malformed (an overlong name, a data
-// offset inside its descriptor, data past the end, a part list beyond the
-// stored image) changes nothing at all.
+// A block whose structure fails anywhere changes nothing at all.  Each file
+// is replaced atomically (fileReplace.h): the new bytes of a batch of entries
+// are staged beside their targets and flushed with one syncfs, then the
+// entries are published one by one in archive order, each with its messages
+// and device restore, so the messages, their order and the outcome of a
+// failure part-way are those of writing the files one after the other.  A
+// file that the block writes back is replaced, never deleted first.
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <string_view>
+#include <memory>
+#include <new>
 
 #include "BraskSvf/svfApi.h"
 #include "BraskSvf/svfPlatform.h"
 #include "archive/catalogue.h"
+#include "archive/fileReplace.h"
 #include "archive/format.h"
 #include "archive/readers.h"
+#include "archive/restorePlan.h"
 #include "common/diag.h"
-#include "common/paths.h"
 #include "common/scoped.h"
 
 static constexpr const char kUnit[] = "svfBraskArchiver";
@@ -30,119 +37,42 @@ namespace {
 using brask::ScopedFile;
 using brask::ScopedMapping;
 namespace format = brask::format;
-namespace paths = brask::paths;
+namespace plan = brask::plan;
+namespace replace = brask::replace;
 
-// The active path an entry restores: its stored name cut at the first ".bak".
-enum class TargetName { Ok, NoBackupSuffix, Empty };
+// Staged bytes a batch may hold beside the files they replace: more
+// amortises the flush, less keeps the room a restore needs on a small /conf.
+constexpr std::uint64_t kBatchBytes = 8u << 20;
 
-TargetName targetPathOf(std::string_view storedName, char (&target)[SVF_FILE_PASS_SIZE]) {
-    std::memset(target, 0, sizeof target);
-    // The format layer keeps names below the buffer size.
-    std::memcpy(target, storedName.data(), storedName.size());
-    if (!brask::catalogue::cutAtBackupSuffix(target)) return TargetName::NoBackupSuffix;
-    return target[0] == '\0' ? TargetName::Empty : TargetName::Ok;
-}
-
-bool isPmConfig(const BackupFileList_T& row) {
-    return std::strcmp(row.FilePass, paths::kPmConfigFile) == 0;
-}
-
-// Every part of PMConfig.dat must lie inside the stored image.
-bool partsInside(const format::ArchiveEntry& entry) {
-    for (const PartOffsetList_T& part : PmconfigList) {
-        const std::uint64_t end = std::uint64_t{part.Offset} + part.Size;
-        if (end > entry.data.size()) return false;
+// The live configuration as the plan sees it.
+class LiveTree final : public plan::Tree {
+public:
+    plan::LiveFile lookup(const char* path) const override {
+        struct stat st {};
+        plan::LiveFile f;
+        if (::lstat(path, &st) != 0) return f;
+        using Kind = plan::LiveFile::Kind;
+        f.kind = S_ISREG(st.st_mode)   ? Kind::Regular
+                 : S_ISLNK(st.st_mode) ? Kind::Symlink
+                 : S_ISDIR(st.st_mode) ? Kind::Directory
+                                       : Kind::Other;
+        f.size = static_cast<std::uint64_t>(st.st_size);
+        f.mode = st.st_mode;
+        f.uid = st.st_uid;
+        f.gid = st.st_gid;
+        f.links = static_cast<std::uint32_t>(st.st_nlink);
+        return f;
     }
-    return true;
-}
-
-// Walks every entry once without touching the disk.
-bool blockIsWellFormed(format::Bytes block, brask::catalogue::Selection cat) {
-    format::ArchiveEntryWalk walk(block);
-    for (format::ArchiveEntry entry; !walk.complete();) {
-        const unsigned i = walk.decoded();
-        if (!walk.next(entry)) {
-            SVF_ERR("Archive entry %u rejected : %s\n", i, format::statusText(walk.status()));
-            return false;
-        }
-        char target[SVF_FILE_PASS_SIZE];
-        if (targetPathOf(entry.name, target) == TargetName::Ok) {
-            const BackupFileList_T* row = brask::catalogue::find(cat, target);
-            if (row != nullptr && row->TargetPart != 0 && isPmConfig(*row) &&
-                !partsInside(entry)) {
-                SVF_ERR("Archive entry %u rejected : part list beyond its data\n", i);
-                return false;
-            }
-        }
-    }
-    return true;
-}
-
-// The device that holds a copy of a restored file is brought in line with it.
-struct DeviceRestore {
-    const char* path;
-    INT8S (*restore)(void);
-};
-constexpr DeviceRestore kDeviceRestores[] = {
-    {paths::kFruBackupFile, svfRestoreFRU},
-    {paths::kPostCheckCodeFile, svfRestorePostCheckCode},
-    {paths::kWatchdogParametersFile, svfRestoreWatchdogParameters},
+    bool maintenanceMode() const override { return (lanCheckMaintenanceMode() & 0xFF) != 0; }
 };
 
-void runDeviceRestore(const char* target) {
-    for (const DeviceRestore& d : kDeviceRestores) {
-        if (std::strcmp(target, d.path) == 0) (void)d.restore();
+void runDeviceRestore(plan::Device device) {
+    switch (device) {
+        case plan::Device::Fru: (void)svfRestoreFRU(); break;
+        case plan::Device::PostCheckCode: (void)svfRestorePostCheckCode(); break;
+        case plan::Device::WatchdogParameters: (void)svfRestoreWatchdogParameters(); break;
+        case plan::Device::None: break;
     }
-}
-
-// Creates or truncates `path` with `data`; false after reporting the failure.
-bool writeWholeFile(const char* path, format::Bytes data) {
-    ScopedFile out(path, "wb");
-    if (!out) {
-        SVF_ERR("fopen fail(%d)\n", errno);
-        return false;
-    }
-    if (!data.empty() && std::fwrite(data.data(), data.size(), 1, out.get()) != 1) {
-        SVF_ERR("fwrite fail(%d)\n", errno);
-        return false;
-    }
-    if (out.close() != 0) {  // buffered bytes that never reached the disk
-        SVF_ERR("fwrite fail(%d)\n", errno);
-        return false;
-    }
-    return true;
-}
-
-enum class PartResult { Written, Created, Failed };
-
-// PMConfig.dat keeps its own bytes outside the part list; a missing file is
-// created from the whole stored image.
-PartResult restoreParts(const char* target, const format::ArchiveEntry& entry) {
-    errno = 0;
-    ScopedFile fp(target, "rb+");
-    if (!fp) {
-        if (errno != ENOENT) {
-            SVF_ERR("fopen fail(%d)\n", errno);
-            return PartResult::Failed;
-        }
-        return writeWholeFile(target, entry.data) ? PartResult::Created : PartResult::Failed;
-    }
-    for (const PartOffsetList_T& part : PmconfigList) {
-        if (std::fseek(fp.get(), static_cast<long>(part.Offset), SEEK_SET) != 0) {
-            SVF_ERR("fseek fail(%d)\n", errno);
-            return PartResult::Failed;
-        }
-        const auto bytes = entry.data.subspan(part.Offset, part.Size);
-        if (!bytes.empty() && std::fwrite(bytes.data(), bytes.size(), 1, fp.get()) != 1) {
-            SVF_ERR("fwrite fail(%d)\n", errno);
-            return PartResult::Failed;
-        }
-    }
-    if (fp.close() != 0) {
-        SVF_ERR("fwrite fail(%d)\n", errno);
-        return PartResult::Failed;
-    }
-    return PartResult::Written;
 }
 
 bool applyOwnerAndMode(const char* target, const svfBraskArchiveEntryInfo_T& info) {
@@ -162,15 +92,165 @@ void skipUnknown() {
     SVF_DEBUG("Extract Skip");
 }
 
+// A failed replacement, with the message of the step it stands for: making
+// or opening the file, seeking to a part, writing it.
+void reportFailure(const replace::Outcome& outcome) {
+    switch (outcome.failure) {
+        case replace::Failure::Create:
+        case replace::Failure::Read:
+        case replace::Failure::Publish:
+            SVF_ERR("fopen fail(%d)\n", outcome.error);
+            break;
+        case replace::Failure::Seek:
+            SVF_ERR("fseek fail(%d)\n", outcome.error);
+            break;
+        case replace::Failure::Write:
+        case replace::Failure::Sync:
+            SVF_ERR("fwrite fail(%d)\n", outcome.error);
+            break;
+        case replace::Failure::None:
+            break;
+    }
+}
+
+// Applies a plan's entry steps in order, staging and flushing them batch by
+// batch ahead of publishing.
+class EntryPass {
+public:
+    EntryPass(const brask::catalogue::Selection& cat, std::span<const plan::EntryStep> steps)
+        : cat_(cat), steps_(steps) {}
+
+    int run() {
+        staged_.reset(new (std::nothrow) replace::Outcome[steps_.size() + 1]);
+        inBatch_.reset(new (std::nothrow) bool[static_cast<std::size_t>(cat_.count) + 1]);
+        if (staged_ == nullptr || inBatch_ == nullptr) return -1;
+        for (std::size_t i = 0; i < steps_.size(); ++i) {
+            if (i == stagedUpTo_) stageBatch(i);
+            if (!apply(steps_[i], staged_[i])) {
+                discardStaged(i + 1);
+                return -1;
+            }
+        }
+        // The renames (and the deletions) reach the disk too.
+        if (!sync_.sync()) {
+            SVF_ERR("fwrite fail(%d)\n", errno);
+            return -1;
+        }
+        return 0;
+    }
+
+private:
+    // Stages the writing steps from `first` on until the batch is full, a
+    // target comes round again or a step fails, then flushes what it staged.
+    void stageBatch(std::size_t first) {
+        std::uint64_t bytes = 0;
+        std::size_t count = 0;
+        std::memset(inBatch_.get(), 0, static_cast<std::size_t>(cat_.count) + 1);
+        std::size_t i = first;
+        for (; i < steps_.size(); ++i) {
+            const plan::EntryStep& step = steps_[i];
+            if (!step.writes()) continue;
+            const std::size_t row = brask::catalogue::indexOf(cat_, step.row);
+            if (count > 0 && (inBatch_[row] || bytes + step.data.size() > kBatchBytes)) break;
+            inBatch_[row] = true;
+            bytes += step.data.size();
+            ++count;
+            char target[SVF_FILE_PASS_SIZE];
+            staged_[i] = step.action == plan::Action::WriteParts
+                             ? replace::stageParts(pathOf(step, target), step.data, PmconfigList,
+                                                   step.info, sync_)
+                             : replace::stageWhole(pathOf(step, target), step.data, step.info, sync_);
+            if (!staged_[i].ok()) {
+                ++i;  // the pass ends at this step
+                break;
+            }
+        }
+        stagedUpTo_ = i;
+        if (count > 0 && !sync_.sync()) {
+            const int error = errno;
+            for (std::size_t k = first; k < i; ++k) {
+                if (steps_[k].writes() && staged_[k].ok()) staged_[k] = {replace::Failure::Sync, error};
+            }
+        }
+    }
+
+    void discardStaged(std::size_t from) {
+        for (std::size_t k = from; k < stagedUpTo_; ++k) {
+            char target[SVF_FILE_PASS_SIZE];
+            if (steps_[k].writes()) replace::discard(pathOf(steps_[k], target));
+        }
+    }
+
+    static const char* pathOf(const plan::EntryStep& step, char (&buffer)[SVF_FILE_PASS_SIZE]) {
+        std::memset(buffer, 0, sizeof buffer);
+        std::memcpy(buffer, step.target.data(), step.target.size());  // below 152 bytes
+        return buffer;
+    }
+
+    // Publishes a staged step, or reports why it could not be staged (its
+    // temporary, if the flush failed after it was written, goes too).
+    static bool publish(const char* target, const replace::Outcome& staged) {
+        if (!staged.ok()) replace::discard(target);
+        const replace::Outcome outcome = staged.ok() ? replace::publish(target) : staged;
+        if (outcome.ok()) return true;
+        reportFailure(outcome);
+        return false;
+    }
+
+    bool apply(const plan::EntryStep& step, const replace::Outcome& staged) {
+        char target[SVF_FILE_PASS_SIZE];
+        pathOf(step, target);
+        switch (step.action) {
+            case plan::Action::FailNoSuffix:
+                SVF_ERR(".bak Unmatch\n");
+                return false;
+            case plan::Action::FailEmptyTarget:
+                SVF_ERR("file pass was not found\n");
+                return false;
+            case plan::Action::SkipUnknown:
+                // A path the catalogue does not name is never written, not even its mode.
+                skipUnknown();
+                return true;
+            case plan::Action::SkipMaintenance:
+                return true;  // maintenance mode keeps the live network settings
+            case plan::Action::SkipPartRow:
+                SVF_DEBUG("TargetPart == PART");
+                skipUnknown();
+                break;
+            case plan::Action::WriteParts:
+            case plan::Action::CreateWhole:
+                // A PMConfig.dat made from scratch ends the pass; it still
+                // gets the archived owner and mode like any other file.
+                SVF_DEBUG("TargetPart == PART");
+                if (!publish(target, staged)) return false;
+                break;
+            case plan::Action::Write:
+                if (!publish(target, staged)) return false;
+                // Reported under the exported operation's name, as the firmware logs expect.
+                ::brask::diag::message(7, kUnit, __LINE__, "svfExtractBraskArchive",
+                                       "svfExtractBraskArchive() : Operation file name is %s. \n", target);
+                runDeviceRestore(step.device);
+                break;
+        }
+        return applyOwnerAndMode(target, step.info);
+    }
+
+    const brask::catalogue::Selection& cat_;
+    std::span<const plan::EntryStep> steps_;
+    std::unique_ptr<replace::Outcome[]> staged_;
+    std::unique_ptr<bool[]> inBatch_;
+    std::size_t stagedUpTo_ = 0;
+    replace::SyncSet sync_;
+};
+
 }  // namespace
 
 int svfExtractBraskArchive(INT8U FwTyep, char* pInPutFilePass, INT8U BlockNum) {
-    return brask::archive::extractArchive(brask::catalogue::select(FwTyep), pInPutFilePass,
-                                          BlockNum);
+    return brask::archive::extractArchive(brask::catalogue::select(FwTyep), pInPutFilePass, BlockNum);
 }
 
-int brask::archive::extractArchive(const brask::catalogue::Selection& cat,
-                                   const char* pInPutFilePass, INT8U BlockNum) {
+int brask::archive::extractArchive(const brask::catalogue::Selection& cat, const char* pInPutFilePass,
+                                   INT8U BlockNum) {
     SVF_DEBUG("START_svfExtractBraskArchive");
     INI_BMC_CAPABILITY_T savedCapability{};
     const bool haveCapability = svfReadBMCCapability(&savedCapability) == 0;
@@ -211,65 +291,28 @@ int brask::archive::extractArchive(const brask::catalogue::Selection& cat,
         return -1;
     }
     SVF_DEBUG("FileHeader.NumOfEntry = %d\n", header.NumOfEntry);
-    if (!blockIsWellFormed(block, cat)) return -1;
 
+    const LiveTree tree;
+    const plan::BlockPlan plan(cat, block, BlockNum, tree);
+    if (!plan.ok()) {
+        if (const plan::Rejection* r = plan.rejection()) {
+            SVF_ERR("Archive entry %u rejected : %s\n", r->entryIndex, r->reason);
+        }
+        return -1;
+    }
+
+    // Temporaries a killed restore left beside this block's files.
     for (const BackupFileList_T& row : cat) {
-        if (row.TargetArcBlock == BlockNum && row.RestoreType == RESTORE_DELETE_FIRST) {
-            SVF_DEBUG("rm %s\n", row.FilePass);
-            (void)::unlink(row.FilePass);
-        }
+        if (row.TargetArcBlock == BlockNum) replace::discard(row.FilePass);
     }
-
-    format::ArchiveEntryWalk walk(block);
-    for (format::ArchiveEntry entry; walk.next(entry);) {
-        char target[SVF_FILE_PASS_SIZE];
-        switch (targetPathOf(entry.name, target)) {
-            case TargetName::NoBackupSuffix:
-                SVF_ERR(".bak Unmatch\n");
-                return -1;
-            case TargetName::Empty:
-                SVF_ERR("file pass was not found\n");
-                return -1;
-            case TargetName::Ok:
-                break;
-        }
-
-        // A path the catalogue does not name is never written, not even its mode.
-        const BackupFileList_T* row = brask::catalogue::find(cat, target);
-        if (row == nullptr) {
-            skipUnknown();
-            continue;
-        }
-        bool lastEntry = false;
-        if (row->TargetPart != 0) {
-            SVF_DEBUG("TargetPart == PART");
-            if (!isPmConfig(*row)) {
-                skipUnknown();
-            } else {
-                const PartResult r = restoreParts(target, entry);
-                if (r == PartResult::Failed) return -1;
-                // A PMConfig.dat made from scratch ends the entry pass; it
-                // still gets the archived owner and mode like any other file.
-                lastEntry = (r == PartResult::Created);
-            }
-        } else {
-            if ((lanCheckMaintenanceMode() & 0xFF) != 0 &&
-                std::strcmp(target, paths::kInterfacesFile) == 0) {
-                continue;  // maintenance mode keeps the live network settings
-            }
-            if (!writeWholeFile(target, entry.data)) return -1;
-            // Reported under the exported operation's name, as the firmware logs expect.
-            ::brask::diag::message(7, kUnit, __LINE__, "svfExtractBraskArchive",
-                                   "svfExtractBraskArchive() : Operation file name is %s. \n",
-                                   target);
-            runDeviceRestore(target);
-        }
-        if (!applyOwnerAndMode(target, entry.info)) return -1;
-        if (lastEntry) break;
+    for (const plan::Deletion& d : plan.deletions()) {
+        SVF_DEBUG("rm %s\n", d.row->FilePass);
+        if (!d.replaced) (void)::unlink(d.row->FilePass);
     }
+    if (EntryPass(cat, plan.entries()).run() != 0) return -1;
 
     mapping.reset();
-    fp.close();
+    (void)fp.close();
     if (haveCapability) (void)svfUpdateBMCCapability(&savedCapability);
     SVF_DEBUG("Normal_END_svfExtractBraskArchive");
     return 0;

@@ -165,9 +165,11 @@ Selection select(INT8U fwType) {
     return {EfiBackupFileList, SVF_EFI_BACKUP_FILE_COUNT, paths::kEfiBackupFile};
 }
 
-const BackupFileList_T* find(const Selection& cat, const char* activePath) {
+const BackupFileList_T* find(const Selection& cat, std::string_view activePath) {
     for (const BackupFileList_T& row : cat) {
-        if (std::strncmp(row.FilePass, activePath, sizeof row.FilePass) == 0) return &row;
+        if (std::string_view(row.FilePass, ::strnlen(row.FilePass, sizeof row.FilePass)) == activePath) {
+            return &row;
+        }
     }
     return nullptr;
 }

@@ -2,6 +2,9 @@
 // engine so that the rule "non-zero is BMC" lives in one place.
 #pragma once
 
+#include <cstddef>
+#include <string_view>
+
 #include "BraskSvf/svfTypes.h"
 
 namespace brask::catalogue {
@@ -17,12 +20,17 @@ struct Selection {
     const BackupFileList_T* end() const { return rows + count; }
 };
 
+// Position of one of `cat`'s rows in it.
+inline std::size_t indexOf(const Selection& cat, const BackupFileList_T* row) {
+    return static_cast<std::size_t>(row - cat.rows);
+}
+
 // Any non-zero fwType is BMC (109 rows); 0 is EFI (no rows).
 Selection select(INT8U fwType);
 
 // First row whose FilePass equals activePath, or nullptr; never looks past
 // the last row.
-const BackupFileList_T* find(const Selection& cat, const char* activePath);
+const BackupFileList_T* find(const Selection& cat, std::string_view activePath);
 
 // Number of archive blocks a backup of this selection needs: the largest
 // TargetArcBlock plus 1 (1 for no rows), as an 8-bit value.
