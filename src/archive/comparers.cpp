@@ -77,7 +77,8 @@ int svfChkBIOSConfFileDiff(FILE* ActFp, FILE* BakFp) {
 
     const INT32S ActFileSize = svfGetFileSize(ActFp);
     const INT32S BakFileSize = svfGetFileSize(BakFp);
-    if (ActFileSize < 0 || BakFileSize < 0) return -1;
+    // An empty file cannot be mapped: it fails like any mapping.
+    if (ActFileSize <= 0 || BakFileSize <= 0) return -1;
     brask::ScopedMapping pActFileAddr(fileno(ActFp), static_cast<size_t>(ActFileSize));
     if (!pActFileAddr.ok()) return -1;
     brask::ScopedMapping pBakFileAddr(fileno(BakFp), static_cast<size_t>(BakFileSize));

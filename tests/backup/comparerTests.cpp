@@ -69,7 +69,7 @@ TEST(BiosConfigComparer, ComparesOnlyTheRegionBeforeTheFirstTypeTwoSection) {
         {"section crossing RecordLen is compared whole", crossing, changed(crossing, 19), 1},
         {"section after RecordLen is not compared", crossing, changed(crossing, 22), 0},
         {"copy shorter than the region", base, Bytes(base.begin(), base.begin() + 15), 1},
-        {"empty copy", base, {}, 1},
+        {"empty copy", base, {}, -1},
         // A damaged active file.
         {"header of 3 bytes", cutHeader, cutHeader, -2},
         {"section header cut short", cutSection, cutSection, -2},
