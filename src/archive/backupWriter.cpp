@@ -1,6 +1,8 @@
 // Writes a backup file: header with this server's identity, the firmware
 // revisions and the SEL time, the block table, then the archive blocks.
 // Unit svfBraskArchiver.
+#include <unistd.h>
+
 #include <array>
 #include <cerrno>
 #include <cstdint>
@@ -181,7 +183,9 @@ int createBackupFile(const catalogue::Selection& cat, INT8U fwType) {
         SVF_ERR("fwrite fail(%d)\n", errno);
         return -1;
     }
-    if (out.close() != 0) {
+    // The whole file reaches the disk before anyone renames it into place:
+    // the blocks the shell appended as well as the header (writeAll flushed it).
+    if (::fsync(::fileno(out.get())) != 0 || out.close() != 0) {
         SVF_ERR("fwrite fail(%d)\n", errno);
         return -1;
     }

@@ -317,6 +317,34 @@ Status headerAreaBytes(Bytes file, const svfBraskBackupFileHeader_T& header, Byt
     return Status::Ok;
 }
 
+std::uint32_t limitedSum(Bytes file, std::uint32_t limit) {
+    const std::size_t counted = file.size() >= limit ? limit : file.size() - file.size() % 4;
+    return wordSum(file.first(counted));
+}
+
+HeaderVerdict judgeBackupHeader(const svfBraskBackupFileHeader_T& header, std::uint32_t headerSum,
+                                unsigned fwType, unsigned restoreMode) {
+    if (headerSum != 0) return HeaderVerdict::Checksum;
+    if (header.Version != kBackupVersion) return HeaderVerdict::UnknownFormat;
+    if (header.FwType != fwType) return HeaderVerdict::FwTypeMismatch;
+    // Only a BMC backup that this server restores as its own has its data
+    // revision looked at.
+    if (fwType == BMC_FILE && restoreMode != N_P_M && header.DataRev != kBackupDataRev) {
+        return HeaderVerdict::UnknownDataRev;
+    }
+    return HeaderVerdict::Ok;
+}
+
+IdentityVerdict compareIdentity(const svfBraskBackupFileHeader_T& own, const svfBraskBackupFileHeader_T& file) {
+    if (std::memcmp(own.ModelNumber, file.ModelNumber, sizeof own.ModelNumber) != 0) {
+        return IdentityVerdict::ModelMismatch;
+    }
+    if (std::memcmp(own.SerialNumber, file.SerialNumber, sizeof own.SerialNumber) != 0) {
+        return IdentityVerdict::SerialMismatch;
+    }
+    return IdentityVerdict::Ok;
+}
+
 ContentKind classifyContent(Bytes bytes) {
     if (bytes.size() >= 4 && bytes[2] == 0 && bytes[3] == 0 && bytes.size() != kArchiveHeaderSize) {
         return ContentKind::BackupFile;

@@ -162,6 +162,30 @@ Status blockBytes(Bytes file, const svfBraskBackupFileBlockInfo_T& info, Bytes& 
 // backupHeaderAreaSize(NumOfBlock) bytes, Truncated when the file is shorter.
 Status headerAreaBytes(Bytes file, const svfBraskBackupFileHeader_T& header, Bytes& out);
 
+// ---- What a restore accepts ------------------------------------------------------
+// The sum svfGetFileSum gives over the first `limit` bytes: when the file
+// ends before the limit, only its complete 4-byte groups count.
+std::uint32_t limitedSum(Bytes file, std::uint32_t limit);
+
+// The checks a restore makes of a backup file's header, in the order it
+// makes them; the first one that fails is the verdict.
+enum class HeaderVerdict { Ok, Checksum, UnknownFormat, FwTypeMismatch, UnknownDataRev };
+// `headerSum` is limitedSum over the header and block table; `fwType` the
+// requested file type, `restoreMode` the requester (N_P_M, SVP_CONSOL, ...).
+HeaderVerdict judgeBackupHeader(const svfBraskBackupFileHeader_T& header, std::uint32_t headerSum,
+                                unsigned fwType, unsigned restoreMode);
+
+// An N+M restore takes another server's backup: no identity check, and
+// only block 0 is split out of it.
+constexpr bool checksIdentity(unsigned restoreMode) { return restoreMode != N_P_M; }
+constexpr unsigned blocksRestored(const svfBraskBackupFileHeader_T& header, unsigned restoreMode) {
+    return restoreMode == N_P_M && header.NumOfBlock > 0 ? 1u : header.NumOfBlock;
+}
+
+// This server's model and serial number against a backup's.
+enum class IdentityVerdict { Ok, ModelMismatch, SerialMismatch };
+IdentityVerdict compareIdentity(const svfBraskBackupFileHeader_T& own, const svfBraskBackupFileHeader_T& file);
+
 // ---- Telling the two formats apart ----------------------------------------------
 // Both begin with a version byte 1 and a zero byte.  Bytes 2-3 are the block's
 // NumOfEntry but the backup file's zero Reserve, and a block without entries
