@@ -1,7 +1,9 @@
 // svfdump: shows what a backup file or a single archive block holds, checks
-// every checksum, and on request extracts the files under a directory.
+// every checksum, and on request extracts the files under a directory or
+// previews what restoring the file would do to a copy of a BMC's /conf.
 //
-// Exit status: 0 sound; 1 an integrity failure; 2 usage error or FILE
+// Exit status: 0 sound (or, with --plan, accepted by a restore); 1 an
+// integrity failure (or refused by a restore); 2 usage error or FILE
 // unreadable; 3 extraction refused or failed.  Every non-zero status comes
 // with one line "svfdump: FILE: reason" on the error stream.
 #include <fcntl.h>
@@ -17,6 +19,7 @@
 #include "common/scoped.h"
 #include "extract.h"
 #include "inspect.h"
+#include "previewRender.h"
 #include "render.h"
 
 namespace {
@@ -49,6 +52,15 @@ int main(int argc, char** argv) {
     app.add_option("--as", kind, "read FILE as this kind instead of detecting it")
         ->transform(CLI::CheckedTransformer(kinds))
         ->option_text("backup|block");
+    std::string planRoot;
+    bool maintenance = false;
+    auto* planOption =
+        app.add_option("--plan", planRoot,
+                       "instead, show what restoring the backup FILE would do to the BMC whose /conf is "
+                       "ROOT/conf (ROOT/ for a BMC's own tree); the identity is not checked")
+            ->option_text("ROOT");
+    app.add_flag("--maintenance", maintenance, "with --plan: the BMC is in maintenance mode")->needs(planOption);
+    planOption->excludes("--extract")->excludes("--as");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -64,8 +76,19 @@ int main(int argc, char** argv) {
     brask::ScopedMapping mapping(fd.get(), static_cast<std::size_t>(st.st_size));
     if (!mapping.ok()) return fail(file, std::string("cannot map: ") + std::strerror(errno), kUsage);
 
-    const svfdump::Inspection r =
-        svfdump::inspect(brask::format::Bytes(mapping.data(), mapping.size()), kind);
+    const brask::format::Bytes bytes(mapping.data(), mapping.size());
+    if (!planRoot.empty()) {
+        while (planRoot.size() > 1 && planRoot.back() == '/') planRoot.pop_back();
+        if (planRoot == "/") planRoot.clear();
+        preview::PreviewTree tree(planRoot, maintenance);
+        const preview::Preview p = preview::previewBackup(bytes, preview::Request{}, tree);
+        if (json) std::cout << preview::toJson(file, p).dump(2) << '\n';
+        else preview::renderText(std::cout, file + " on " + (planRoot.empty() ? "/" : planRoot) + "/conf", p);
+        std::cout.flush();
+        return p.verdict.accepted ? kSound : fail(file, "a restore refuses it: " + p.verdict.reason, kIntegrity);
+    }
+
+    const svfdump::Inspection r = svfdump::inspect(bytes, kind);
     std::optional<svfdump::ExtractOutcome> extract;
     if (!extractDir.empty()) extract = svfdump::extractAll(r, extractDir);
 

@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "inspect.h"
+#include "textFormat.h"
 
 namespace svfdump {
 
@@ -21,11 +22,8 @@ struct ExtractOutcome {
     std::string reason;  // why nothing or not everything was written
 };
 
-// The mode word as `ls -l` shows it: type letter and nine permission
-// characters with s/S and t/T for the set-id and sticky bits.
-std::string modeString(std::uint32_t mode);
-// Printable ASCII as it stands; '\\' and every other byte as \xNN.
-std::string escaped(std::string_view bytes);
+using tools::escaped;
+using tools::modeString;
 // A fixed-width text field: up to its first NUL, trailing blanks dropped.
 std::string fixedText(const std::uint8_t* field, std::size_t size);
 // 8-4-4-4-12 hexadecimal digits, bytes in stored order.

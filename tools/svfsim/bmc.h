@@ -74,6 +74,9 @@ public:
     std::vector<std::string> commandLogLines() const;
     std::string backupCopyPath(const char* active) const;
     const BackupFileList_T* catalogue() const { return lib_.catalogue; }
+    // This server's identity as a restore reads it from the FRU; false when
+    // the FRU cannot be read.
+    bool identity(svfBraskBackupFileHeader_T& out) const { return lib_.getProductIdFru(&out) == 0; }
     // What the firmware does at start: empty FRU backup file and copy, so
     // that the next change detection reads the FRU itself.
     bool initFruLogFile() const { return lib_.initFruLogFile() == 0; }

@@ -21,6 +21,9 @@ int runBackup(Bmc& bmc, std::uint8_t function, std::uint8_t fileType);
 // `file` empty: the last web backup.  `ticks`: tick until the reboot request.
 int runRestore(Bmc& bmc, const std::string& file, std::uint8_t function, bool ticks);
 int runTick(Bmc& bmc, unsigned count);
+// What a web-console restore of `file` (default: the last web backup) would
+// do to this BMC, checked against its FRU and firmware; nothing is written.
+int runPreview(Bmc& bmc, const std::string& file, bool json);
 int runStatus(Bmc& bmc, bool json);
 int runSvp(Bmc& bmc, const std::string& operation, const std::string& slot);
 int runSel(Bmc& bmc, bool json);

@@ -54,6 +54,7 @@ const Library* loadLibrary(std::string& error) {
                     bind(h, "svfSetSvfEvent", lib.setSvfEvent, error) &&
                     bind(h, "svfGetBackupFilePass", lib.getBackupFilePass, error) &&
                     bind(h, "InitFRULogFile", lib.initFruLogFile, error) &&
+                    bind(h, "svfGetProductIdFru", lib.getProductIdFru, error) &&
                     bind(h, "gKillProcessAfterFileChkTimer", lib.killProcessTimer, error) &&
                     bind(h, "gRebootAfterRestoreTimer", lib.rebootTimer, error) &&
                     bind(h, "gRestoreType", lib.restoreType, error) &&

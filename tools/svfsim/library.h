@@ -18,6 +18,7 @@ struct Library {
     decltype(&svfSetSvfEvent) setSvfEvent = nullptr;
     decltype(&svfGetBackupFilePass) getBackupFilePass = nullptr;
     decltype(&InitFRULogFile) initFruLogFile = nullptr;
+    decltype(&svfGetProductIdFru) getProductIdFru = nullptr;
     INT8U* killProcessTimer = nullptr;  // gKillProcessAfterFileChkTimer
     INT8U* rebootTimer = nullptr;       // gRebootAfterRestoreTimer
     svfRestoreType_T* restoreType = nullptr;

@@ -8,6 +8,7 @@
 
 #include "archive/format.h"
 #include "console.h"
+#include "textFormat.h"
 
 namespace svfsim {
 namespace {
@@ -22,13 +23,6 @@ std::string fixedText(const INT8U* bytes, std::size_t size) {
 }
 
 }  // namespace
-
-std::string modeString(unsigned mode) {
-    std::string s = S_ISDIR(mode) ? "d" : S_ISLNK(mode) ? "l" : "-";
-    const char* letters = "rwxrwxrwx";
-    for (int bit = 8; bit >= 0; --bit) s += (mode & (1u << bit)) != 0 ? letters[8 - bit] : '-';
-    return s;
-}
 
 bool listBackup(const std::string& path, unsigned entriesPerBlock, std::string& error) {
     std::ifstream in(path, std::ios::binary);
@@ -66,7 +60,7 @@ bool listBackup(const std::string& path, unsigned entriesPerBlock, std::string& 
             format::wordSum(block) == 0 ? "ok" : "BAD");
         for (std::size_t i = 0; i < entries.size() && i < entriesPerBlock; ++i) {
             const format::ArchiveEntry& e = entries[i];
-            say("    %s %4u/%-4u %7d  %.*s", modeString(e.info.FilePermission).c_str(), e.info.FileUid,
+            say("    %s %4u/%-4u %7d  %.*s", tools::modeString(e.info.FilePermission).c_str(), e.info.FileUid,
                 e.info.FileGid, e.info.FileSize, static_cast<int>(e.name.size()), e.name.data());
         }
         if (entries.size() > entriesPerBlock) say("    ... and %zu more", entries.size() - entriesPerBlock);

@@ -10,7 +10,4 @@ namespace svfsim {
 // be read or does not decode.
 bool listBackup(const std::string& path, unsigned entriesPerBlock, std::string& error);
 
-// "-rw-------" for a mode word.
-std::string modeString(unsigned mode);
-
 }  // namespace svfsim

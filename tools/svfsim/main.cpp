@@ -105,6 +105,12 @@ int main(int argc, char** argv) {
         ->check(CLI::IsMember({"web", "svp", "auto"}))->capture_default_str();
     restore->add_flag("--no-ticks", noTicks, "Stop after the command; 'svfsim tick' goes on");
 
+    std::string previewFile;
+    auto* previewCommand =
+        app.add_subcommand("preview", "Show what restoring the last web backup would do; changes nothing");
+    previewCommand->add_option("--file", previewFile, "Backup file to preview instead of the last web backup");
+    previewCommand->add_flag("--json", json, "Print JSON");
+
     unsigned ticks = 1;
     auto* tick = app.add_subcommand("tick", "Advance the library's timer by N ticks");
     tick->add_option("N", ticks, "Number of ticks")->check(CLI::Range(1u, 1000u))->capture_default_str();
@@ -125,7 +131,8 @@ int main(int argc, char** argv) {
     CLI11_PARSE(app, argc, argv);
 
     if (!sb::insideSandbox()) {
-        return enterSandbox(argc, argv, demo->parsed(), root, restore->parsed() ? restoreFile : "");
+        return enterSandbox(argc, argv, demo->parsed(), root,
+                            restore->parsed() ? restoreFile : previewCommand->parsed() ? previewFile : "");
     }
     sb::enterSandbox(argc, argv);  // inside: only completes the stub /proc
 
@@ -147,6 +154,7 @@ int main(int argc, char** argv) {
     else if (event->parsed()) rc = runEvent(bmc, json);
     else if (backup->parsed()) rc = runBackup(bmc, requesterCode(requester), fileType == "efi" ? EFI_FILE : BMC_FILE);
     else if (restore->parsed()) rc = runRestore(bmc, restoreFile, requesterCode(requester), !noTicks);
+    else if (previewCommand->parsed()) rc = runPreview(bmc, previewFile, json);
     else if (tick->parsed()) rc = runTick(bmc, ticks);
     else if (status->parsed()) rc = runStatus(bmc, json);
     else if (svp->parsed()) rc = runSvp(bmc, operation, slot);
