@@ -22,8 +22,10 @@ std::string owner(std::uint32_t uid, std::uint32_t gid) { return std::to_string(
 std::string change(const Line& l) {
     const auto& b = l.before;
     const bool had = b.exists();
-    std::string s = (had ? std::to_string(b.size) : std::string("-")) + " -> " +
-                    (l.existsAfter ? std::to_string(l.after.size()) : std::string("-")) + " bytes";
+    std::string s = had && l.existsAfter && b.size == l.after.size()
+                        ? std::to_string(b.size) + " bytes"
+                        : (had ? std::to_string(b.size) : std::string("-")) + " -> " +
+                              (l.existsAfter ? std::to_string(l.after.size()) : std::string("-")) + " bytes";
     if (!l.existsAfter) return s;
     if (!had || (b.mode & 07777u) != l.modeAfter) s += ", mode " + (had ? octal(b.mode) + " -> " : "") + octal(l.modeAfter);
     if (!had || b.uid != l.uidAfter || b.gid != l.gidAfter) {
@@ -63,10 +65,11 @@ void renderText(std::ostream& out, const std::string& what, const Preview& p) {
             block = l.block;
             out << "  block " << block << ":\n";
         }
-        char head[16];
-        std::snprintf(head, sizeof head, "    %-7s ", l.action.c_str());
-        out << head << tools::escaped(l.path.empty() ? "(block)" : l.path);
-        if (l.action != "skip" && l.action != "fail" && l.action != "refused") out << "  " << change(l);
+        char head[80];
+        std::snprintf(head, sizeof head, "    %-7s %-52s", l.action.c_str(),
+                      tools::escaped(l.path.empty() ? "(block)" : l.path).c_str());
+        out << head;
+        if (l.action != "skip" && l.action != "fail" && l.action != "refused") out << ' ' << change(l);
         if (!l.note.empty()) out << "  (" << l.note << ')';
         out << '\n';
     }
