@@ -46,7 +46,7 @@ enum { EFI_FILE = 0, BMC_FILE = 1 };
 /* ---- Requester (Function, RestoreMode) ---------------------------------- */
 enum { N_P_M = 0, SVP_CONSOL = 1, BMC_WEB_CONSOLE = 2 };
 
-/* ---- Event slots: restore Function*2+FileType, backup 6+Function*2+FileType */
+/* ---- Event slots: svfStatusTable[kind][Function][FileType], restores first */
 enum {
     SVF_EVENT_SLOT_COUNT = 12,
     SVF_RESTORE_SLOT_BASE = 0,
@@ -436,8 +436,8 @@ SVF_CHECK_SIZE(OEM_SetBackupEventRes_T, 1);
 SVF_CHECK_SIZE(OEM_ExeRestoreEventReq_T, 6);
 SVF_CHECK_SIZE(OEM_ExeRestoreEventRes_T, 1);
 
-/* The three views of the status bytes land on the same byte: slot
- * kind*6 + requester*2 + file type, in the table and in the named fields. */
+/* The three views of the status bytes land on the same byte: the table's
+ * [kind][requester][file type] is that event's named field. */
 SVF_CHECK_SIZE(svfDataType_T, 2);
 SVF_CHECK_OFFSET(svfDataType_T, Bmc, BMC_FILE);
 SVF_CHECK_OFFSET(svfRestoreStatus_T, SvpConsole, SVP_CONSOL * 2);

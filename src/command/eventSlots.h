@@ -6,6 +6,7 @@
 #include <array>
 
 #include "BraskSvf/svfTypes.h"
+#include "common/eventCodes.h"
 
 namespace brask::slots {
 
@@ -16,9 +17,9 @@ struct EventSlot {
     const char* generatedText;  // printed when pass 2 picks the slot (state == ST_GENERATED)
 };
 
-// Index = restore ? Function*2+FileType : 6+Function*2+FileType.  The pass-2
-// texts of index 7 and 10 are irregular; they are kept exactly as the firmware
-// has always printed them.
+// Row i is the slot brask::slotIndex gives index i.  The pass-2 texts of
+// index 7 and 10 are irregular; they are kept exactly as the firmware has
+// always printed them.
 inline constexpr std::array<EventSlot, SVF_EVENT_SLOT_COUNT> kEventSlots{{
     {EFI_FILE, N_P_M, "Restore.NpM.Efi > ST_GENERATED", "Restore.NpM.Efi == ST_GENERATED"},
     {BMC_FILE, N_P_M, "Restore.NpM.Bmc > ST_GENERATED", "Restore.NpM.Bmc == ST_GENERATED"},
@@ -52,5 +53,14 @@ inline constexpr std::array<unsigned, SVF_EVENT_SLOT_COUNT> kGeneratedOrder{
     0, 1, 2, 3, 4, 5, 8, 9, 10, 11, 6, 7};
 
 inline constexpr bool isRestoreSlot(unsigned index) { return index < SVF_BACKUP_SLOT_BASE; }
+
+constexpr bool rowsFollowSlotIndex() {
+    for (unsigned i = 0; i < kEventSlots.size(); ++i) {
+        const EventKind kind = isRestoreSlot(i) ? EventKind::Restore : EventKind::Backup;
+        if (slotIndex(kind, kEventSlots[i].Function, kEventSlots[i].FileType) != i) return false;
+    }
+    return true;
+}
+static_assert(rowsFollowSlotIndex());
 
 }  // namespace brask::slots

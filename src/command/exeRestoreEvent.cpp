@@ -11,8 +11,8 @@
 #include "BraskSvf/svfApi.h"
 #include "BraskSvf/svfPlatform.h"
 #include "command/kvmStopChild.h"
-#include "command/restoreEventCode.h"
 #include "common/diag.h"
+#include "common/eventCodes.h"
 #include "common/paths.h"
 #include "common/scoped.h"
 
@@ -73,9 +73,9 @@ int svfOEMExeRestoreEvent(INT8U* pReq, INT8U ReqLen, INT8U* pRes, int BMCInst) {
     }
 
     const bool webConsole = req.Function == BMC_WEB_CONSOLE;
-    const auto addSel = [&](INT8U selClass) {
-        (void)hslAddSEL(SVF_SEL_ARG1, SVF_SEL_ARG2,
-                        restoreEventCode(selClass, req.Function, req.FileType));
+    const unsigned slot = brask::slotIndex(brask::EventKind::Restore, req.Function, req.FileType);
+    const auto addSel = [slot](unsigned selClass) {
+        (void)hslAddSEL(SVF_SEL_ARG1, SVF_SEL_ARG2, brask::selEventCode(slot, selClass));
     };
     if (gRebootAfterRestoreTimer != 0 || gKillProcessAfterFileChkTimer != 0) {
         SVF_ERR("gRebootAfterRestoreTimer != 0\n");

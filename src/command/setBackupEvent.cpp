@@ -8,6 +8,7 @@
 #include "BraskSvf/svfApi.h"
 #include "BraskSvf/svfPlatform.h"
 #include "common/diag.h"
+#include "common/eventCodes.h"
 #include "common/paths.h"
 #include "common/scoped.h"
 
@@ -17,14 +18,11 @@ static constexpr const char kUnit[] = "svfOEMSetBackupEvent";
 
 constexpr INT8U kMaxFunction = 5;
 
-// Event data of a backup event's SEL entry: its slot index plus the class.
-INT8U backupEventCode(const OEM_SetBackupEventReq_T& req, INT8U selClass) {
-    return static_cast<INT8U>(SVF_BACKUP_SLOT_BASE + req.Function * 2 + req.FileType + selClass);
-}
-
-void addSelPair(const OEM_SetBackupEventReq_T& req, INT8U outcomeClass) {
-    hslAddSEL(SVF_SEL_ARG1, SVF_SEL_ARG2, backupEventCode(req, SEL_CLASS_GENERATED));
-    hslAddSEL(SVF_SEL_ARG1, SVF_SEL_ARG2, backupEventCode(req, outcomeClass));
+// The request's entry, then the outcome's, both on the request's backup slot.
+void addSelPair(const OEM_SetBackupEventReq_T& req, unsigned outcomeClass) {
+    const unsigned slot = brask::slotIndex(brask::EventKind::Backup, req.Function, req.FileType);
+    (void)hslAddSEL(SVF_SEL_ARG1, SVF_SEL_ARG2, brask::selEventCode(slot, SEL_CLASS_GENERATED));
+    (void)hslAddSEL(SVF_SEL_ARG1, SVF_SEL_ARG2, brask::selEventCode(slot, outcomeClass));
 }
 
 // Steps from change detection to the rename; the completion code on failure.

@@ -8,8 +8,8 @@
 #include "BraskSvf/svfApi.h"
 #include "BraskSvf/svfPlatform.h"
 #include "command/statusAreaLock.h"
-#include "command/restoreEventCode.h"
 #include "common/diag.h"
+#include "common/eventCodes.h"
 
 static constexpr const char kUnit[] = "svfIntervalAutoBackup";
 
@@ -24,9 +24,10 @@ constexpr INT8U kRestoreFlags = 0;  // Mode of svfSetChkBkupRestProcessingFlag
 constexpr INT8U kWebConsoleRebootTicks = 1;
 constexpr INT8U kSvpConsoleRebootTicks = 30;
 
-void addSel(INT8U selClass, INT8U function, INT8U fileType) {
-    (void)hslAddSEL(SVF_SEL_ARG1, SVF_SEL_ARG2,
-                    brask::restore::restoreEventCode(selClass, function, fileType));
+// The entry carries the file type as recorded, BMC or not.
+void addSel(unsigned selClass, INT8U function, INT8U fileType) {
+    const unsigned slot = brask::slotIndex(brask::EventKind::Restore, function, fileType);
+    (void)hslAddSEL(SVF_SEL_ARG1, SVF_SEL_ARG2, brask::selEventCode(slot, selClass));
 }
 
 // Only a BMC-file restore reboots: at once for the web console, after 30
@@ -63,8 +64,9 @@ bool reportCompletion(INT8U function, INT8U fileType) {
         }
         return false;
     }
-    // Restore slot F x 2 + FT; a file type other than BMC counts as EFI.
-    const unsigned index = function * 2u + (fileType == BMC_FILE ? 1u : 0u);
+    // A file type other than BMC counts as EFI here.
+    const unsigned index = brask::slotIndex(brask::EventKind::Restore, function,
+                                            fileType == BMC_FILE ? BMC_FILE : EFI_FILE);
     if (index >= SVF_BACKUP_SLOT_BASE ||
         svfSetSvfEvent(&lock.area()->svf.svfStatusList[index], BMC_COMPLETE_SUCCESS) ==
             SVF_EVENT_REJECTED) {

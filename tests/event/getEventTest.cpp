@@ -66,7 +66,7 @@ Answer expectedAnswer(const States& s, INT8U addedInfo, const std::array<INT8U, 
         return e;
     }
     e.res[1] = static_cast<INT8U>((s[slot] & 0x0F) + (slot < 6 ? 0x10 : 0));
-    e.res[2] = static_cast<INT8U>(slot % 2);        // FileType: index = Function*2 + FileType
+    e.res[2] = static_cast<INT8U>(slot % 2);        // FileType, the inverse of brask::slotIndex
     e.res[3] = static_cast<INT8U>((slot % 6) / 2);  // Function
     return e;
 }

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "BraskSvf/svfTypes.h"
+#include "common/eventCodes.h"
 #include "fuzzCheck.h"
 
 namespace brask::fuzz {
@@ -29,7 +30,8 @@ inline void checkEventAnswer(const svfSemiVol_T& svf, const INT8U* res, int leng
         return;
     }
     FUZZ_CHECK((res[1] & 0xE0) == 0 && res[2] <= BMC_FILE && res[3] <= BMC_WEB_CONSOLE);
-    const unsigned slot = (res[1] & 0x10) != 0 ? res[3] * 2u + res[2] : 6u + res[3] * 2u + res[2];
+    const unsigned slot =
+        slotIndex((res[1] & 0x10) != 0 ? EventKind::Restore : EventKind::Backup, res[3], res[2]);
     FUZZ_CHECK((svf.svfStatusList[slot] & 0x0F) == (res[1] & 0x0F));
 }
 

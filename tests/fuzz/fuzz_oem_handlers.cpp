@@ -16,11 +16,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 #include <memory>
 #include <vector>
 
 #include "BraskSvf/hostPlatformControl.h"
 #include "BraskSvf/svfApi.h"
+#include "common/eventCodes.h"
 #include "eventAnswer.h"
 #include "fuzzCheck.h"
 #include "fuzzSandbox.h"
@@ -30,7 +32,14 @@ using namespace brask;
 namespace {
 
 constexpr std::size_t kPrefix = 2 + SVF_EVENT_SLOT_COUNT;
-constexpr INT8U kBackupBmcWeb = 0x0B;  // Backup.BmcConsole.Bmc
+constexpr unsigned kBackupBmcWeb = slotIndex(EventKind::Backup, BMC_WEB_CONSOLE, BMC_FILE);
+
+// The request's SEL entry and, when given, the outcome's.
+std::vector<INT8U> entries(unsigned slot, std::initializer_list<unsigned> classes) {
+    std::vector<INT8U> codes;
+    for (unsigned selClass : classes) codes.push_back(selEventCode(slot, selClass));
+    return codes;
+}
 
 std::vector<INT8U> selEvents() {
     std::vector<hostSelRecord_T> records(64);
@@ -73,10 +82,10 @@ void checkSet(const Call& c, INT8U cc, int length) {
     } else if (c.countdown) {
         FUZZ_CHECK(cc == 0xD5 && sel.empty());
     } else if (fuzz::anyEvent(c.svf)) {
-        FUZZ_CHECK(cc == 0xD5 && sel == std::vector<INT8U>({kBackupBmcWeb, kBackupBmcWeb + 0x40}));
+        FUZZ_CHECK(cc == 0xD5 && sel == entries(kBackupBmcWeb, {SEL_CLASS_GENERATED, SEL_CLASS_OTHER_RUNNING}));
     } else {
         // The change detection cannot take the file semaphore.
-        FUZZ_CHECK(cc == 0x80 && sel == std::vector<INT8U>({kBackupBmcWeb, kBackupBmcWeb + 0x30}));
+        FUZZ_CHECK(cc == 0x80 && sel == entries(kBackupBmcWeb, {SEL_CLASS_GENERATED, SEL_CLASS_FAIL}));
     }
 }
 
@@ -85,7 +94,8 @@ void checkExe(const Call& c, INT8U cc, int length) {
     const std::vector<INT8U> sel = selEvents();
     const INT8U fileType = c.reqLen > 0 ? c.req[0] : 0;
     const INT8U function = c.reqLen > 1 ? c.req[1] : 0;
-    const auto slot = static_cast<INT8U>(function * 2 + fileType);
+    const unsigned slot = slotIndex(EventKind::Restore, function, fileType);
+    const std::vector<INT8U> failed = entries(slot, {SEL_CLASS_GENERATED, SEL_CLASS_FAIL});
     const bool web = function == BMC_WEB_CONSOLE;
     if (c.reqLen != 6) {
         FUZZ_CHECK(cc == 0xC7 && sel.empty());
@@ -95,17 +105,17 @@ void checkExe(const Call& c, INT8U cc, int length) {
         FUZZ_CHECK(cc == 0xC9 && sel.empty());
     } else if (c.countdown) {
         FUZZ_CHECK(cc == 0xD5);
-        FUZZ_CHECK(web ? sel == std::vector<INT8U>({slot, static_cast<INT8U>(slot + 0x30)}) : sel.empty());
+        FUZZ_CHECK(web ? sel == failed : sel.empty());
     } else if (function == N_P_M || function == SVP_CONSOL) {
         FUZZ_CHECK(cc == 0x00 && sel.empty());
     } else if (function > BMC_WEB_CONSOLE) {
         FUZZ_CHECK(cc == 0xC9 && sel.empty());
     } else if (fuzz::anyEvent(c.svf)) {
-        FUZZ_CHECK(cc == 0xD5 && sel == std::vector<INT8U>({slot, static_cast<INT8U>(slot + 0x30)}));
+        FUZZ_CHECK(cc == 0xD5 && sel == failed);
     } else if (c.fwUpdate >= 1 && c.fwUpdate <= 8) {
-        FUZZ_CHECK(cc == 0x80 && sel == std::vector<INT8U>({slot}));
+        FUZZ_CHECK(cc == 0x80 && sel == entries(slot, {SEL_CLASS_GENERATED}));
     } else {
-        FUZZ_CHECK(cc == 0x88 && sel == std::vector<INT8U>({slot, static_cast<INT8U>(slot + 0x30)}));
+        FUZZ_CHECK(cc == 0x88 && sel == failed);
     }
 }
 

@@ -14,6 +14,7 @@
 #include "BraskSvf/svfApi.h"
 #include "BraskSvf/svfPlatform.h"
 #include "archive/catalogue.h"
+#include "common/eventCodes.h"
 #include "common/paths.h"
 #include "support/sandbox.h"
 #include "support/scenario.h"
@@ -113,7 +114,8 @@ Outcome restoreConfigFile() {
     o.code = gRebootAfterRestoreTimer;
     hslSemiVolatileArea_T area{};
     if (hostSemiVolRead(&area) == 0) {
-        o.slot = area.svf.svfStatusList[gRestoreType.Function * 2u + gRestoreType.FileType];
+        o.slot = area.svf.svfStatusList[slotIndex(EventKind::Restore, gRestoreType.Function,
+                                                  gRestoreType.FileType)];
         o.restoreFlag = area.svfAutoBack.BmcRestoreFlag;
     }
     return o;
@@ -154,7 +156,7 @@ void preparePendingRestore(INT8U function) {
     gKillProcessAfterFileChkTimer = 0;
     gRebootAfterRestoreTimer = 0;
     gRestoreType.Function = function;
-    if (function == SVP_CONSOL) setSlot(1 * 2 + BMC_FILE, ST_PROCESSING);
+    if (function == SVP_CONSOL) setSlot(slotIndex(EventKind::Restore, SVP_CONSOL, BMC_FILE), ST_PROCESSING);
     (void)hostSelClear();
     (void)::unlink(kCommandLog);
 }
@@ -203,7 +205,8 @@ std::string checkTraceRing(std::uint32_t notBefore, int& records) {
         } else if (res[0] == 0x00) {
             const unsigned kind = res[1] >> 4;
             if (!anyEvent || kind > 1 || res[2] > 1 || res[3] > 2) return where + "bad event";
-            const unsigned index = (kind == 1 ? 0u : 6u) + res[3] * 2u + res[2];
+            const unsigned index =
+                slotIndex(kind == 1 ? EventKind::Restore : EventKind::Backup, res[3], res[2]);
             if ((r[index] & 0x0F) != (res[1] & 0x0F)) return where + "answer not of its snapshot";
         } else {
             return where + "completion code " + std::to_string(res[0]);

@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "BraskSvf/hostPlatformControl.h"
+#include "common/eventCodes.h"
 #include "console.h"
 #include "names.h"
 #include "sandbox/sandbox.h"
@@ -125,8 +126,8 @@ void printTick(const TickReport& r, unsigned n, std::uint8_t restoreBlocks) {
         if (!c.starts_with("reboot")) stopped += (stopped.empty() ? "" : ", ") + c;
     }
     if (!stopped.empty()) say("  services: %s", stopped.c_str());
-    const std::uint8_t restoreSlot = static_cast<std::uint8_t>(BMC_WEB_CONSOLE * 2 + BMC_FILE);
-    if (r.restoreRan() && hasSel(r.sel, static_cast<std::uint8_t>(SEL_CLASS_SUCCESS | restoreSlot))) {
+    const unsigned restoreSlot = brask::slotIndex(brask::EventKind::Restore, BMC_WEB_CONSOLE, BMC_FILE);
+    if (r.restoreRan() && hasSel(r.sel, brask::selEventCode(restoreSlot, SEL_CLASS_SUCCESS))) {
         say("  %u archive block(s) unpacked into /conf", restoreBlocks);
     }
     printSel(r.sel, "  ");
@@ -205,7 +206,8 @@ int runEvent(Bmc& bmc, bool asJson) {
     const OEM_GetBackupRestoreEventRes_T& r = a.res;
     const bool found = r.CompletionCode == SVF_CC_NORMAL;
     const bool restore = (r.EventType & 0x10u) != 0;
-    const unsigned slot = (restore ? 0u : unsigned{SVF_BACKUP_SLOT_BASE}) + r.Function * 2u + r.FileType;
+    const unsigned slot = brask::slotIndex(restore ? brask::EventKind::Restore : brask::EventKind::Backup,
+                                           r.Function, r.FileType);
     const std::uint8_t state = static_cast<std::uint8_t>(r.EventType & 0x0Fu);
     const std::string meaning = completionMeaning(r.CompletionCode, Handler::Get);
     if (asJson) {
@@ -295,8 +297,8 @@ int runRestore(Bmc& bmc, const std::string& file, std::uint8_t function, bool ti
     }
     bool rebooted = false;
     tickUntilReboot(bmc, added, rebooted);
-    const std::uint8_t slot = static_cast<std::uint8_t>(function * 2 + BMC_FILE);
-    if (hasSel(added, static_cast<std::uint8_t>(SEL_CLASS_FAIL | slot))) return fail("the deferred restore failed");
+    const unsigned slot = brask::slotIndex(brask::EventKind::Restore, function, BMC_FILE);
+    if (hasSel(added, brask::selEventCode(slot, SEL_CLASS_FAIL))) return fail("the deferred restore failed");
     if (!rebooted) return fail("no reboot was requested within " + std::to_string(kMaxRestoreTicks) + " ticks");
     return 0;
 }
