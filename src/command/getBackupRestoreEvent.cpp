@@ -52,13 +52,9 @@ int svfGetBackupRestoreEvent(INT8U* pReq, INT8U ReqLen, INT8U* pRes) {
 
     brask::StatusAreaLock lock;
     if (!lock.held()) {
-        if (lock.failedStep() == brask::StatusAreaLock::Step::MapArea) {
-            SVF_ERR("failed to get SemiVolatile(%d)\n", lock.error());
-            pRes[0] = SVF_CC_SEMIVOL_FAIL;
-        } else {
-            SVF_ERR("failed to get mutex(%d)\n", lock.error());
-            pRes[0] = SVF_CC_LOCK_FAIL;
-        }
+        lock.reportFailure(kUnit, __LINE__, brask::diag::error);
+        pRes[0] = lock.failedStep() == brask::StatusAreaLock::Step::MapArea ? SVF_CC_SEMIVOL_FAIL
+                                                                            : SVF_CC_LOCK_FAIL;
         return 1;  // the lock gives back what it took as it goes out of scope
     }
 

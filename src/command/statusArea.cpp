@@ -16,21 +16,6 @@ Mutex_T* hSharedMemMutex = nullptr;
 
 namespace {
 
-void reportLockFailure(const brask::StatusAreaLock& lock) {
-    using Step = brask::StatusAreaLock::Step;
-    switch (lock.failedStep()) {
-    case Step::CreateMutex:
-    case Step::AcquireMutex:
-        SVF_ERR4("failed to get mutex(%d)\n", lock.error());
-        break;
-    case Step::MapArea:
-        SVF_ERR4("failed to get SemiVolatile(%d)\n", lock.error());
-        break;
-    case Step::None:
-        break;
-    }
-}
-
 struct ProcessingFlag {
     INT8U svfAutoBack_T::*member;
     const char* label;  // the debug line reads "<label>, Set = <value>"
@@ -60,7 +45,7 @@ int svfGetMutexAndSemiVolatileArea(Mutex_T** l_hMutex, hslSemiVolatileMng_T* l_m
         *pSemiVolArea = lock.area();
     }
     if (!lock.held()) {
-        reportLockFailure(lock);
+        lock.reportFailure(kUnit, __LINE__, brask::diag::error4);
         return -1;  // the lock object undoes the steps that succeeded
     }
     lock.dismiss();  // the caller gives it back: unmap, release, destroy
@@ -72,7 +57,7 @@ int svfSetChkBkupRestProcessingFlag(INT8U SetFlag, INT8U FileType, INT8U Mode) {
 
     brask::StatusAreaLock lock;
     if (!lock.held()) {
-        reportLockFailure(lock);
+        lock.reportFailure(kUnit, __LINE__, brask::diag::error4);
         lock.unlock();
         SVF_ERR4("svfGetMutexAndSemiVolatileArea Fail\n");
         return -1;

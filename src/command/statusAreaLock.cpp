@@ -34,6 +34,20 @@ StatusAreaLock::StatusAreaLock(Mutex_T** handle, hslSemiVolatileMng_T* mng)
     mapped_ = true;
 }
 
+void StatusAreaLock::reportFailure(const char* unit, int line, ErrorWriter write) const {
+    switch (failed_) {
+        case Step::CreateMutex:
+        case Step::AcquireMutex:
+            write(unit, line, "failed to get mutex(%d)\n", errno_);
+            break;
+        case Step::MapArea:
+            write(unit, line, "failed to get SemiVolatile(%d)\n", errno_);
+            break;
+        case Step::None:
+            break;
+    }
+}
+
 void StatusAreaLock::unlock() {
     // Results of the give-back calls are of no use: there is nothing left to undo.
     if (mapped_) {

@@ -4,13 +4,14 @@
 // reverse order (unmap, release, destroy); this object does both, so a
 // failed step leaves exactly the earlier steps to undo.
 //
-// Callers report a failure with their own texts and codes: the object only
-// says which step failed and the errno of that moment.  Log before the object
-// goes out of scope, so the message precedes the undo as the firmware expects.
+// A failure is reported with reportFailure, in the caller's unit and tag;
+// the caller picks its own result or completion code from failedStep().
+// Report before the object goes out of scope, so the message precedes the
+// undo as the firmware expects.
 //
 //     brask::StatusAreaLock lock;
 //     if (!lock.held()) {
-//         if (lock.failedStep() == brask::StatusAreaLock::Step::MapArea) ... lock.error() ...
+//         lock.reportFailure(kUnit, __LINE__, brask::diag::error);
 //         return ...;                       // destructor undoes what was taken
 //     }
 //     lock.area()->svf.svfStatusList[i] = ...;
@@ -45,6 +46,14 @@ public:
     Step failedStep() const { return failed_; }
     // errno right after the failed step (0 when nothing failed).
     int error() const { return errno_; }
+
+    // Writes an error line of the caller's: diag::error, or diag::error4
+    // for the unit that carries the four-blank tag.
+    using ErrorWriter = void (*)(const char* unit, int line, const char* fmt, ...);
+    // "failed to get mutex(%d)\n" when the mutex was not had,
+    // "failed to get SemiVolatile(%d)\n" when the area was not mapped, with
+    // error(); nothing when the lock is held.
+    void reportFailure(const char* unit, int line, ErrorWriter write) const;
 
     // The mapped area; null unless held().
     hslSemiVolatileArea_T* area() const { return area_; }

@@ -57,11 +57,7 @@ bool setRestoreFlag(INT8U value, INT8U fileType) {
 bool reportCompletion(INT8U function, INT8U fileType) {
     brask::StatusAreaLock lock;
     if (!lock.held()) {
-        if (lock.failedStep() == brask::StatusAreaLock::Step::MapArea) {
-            SVF_ERR("failed to get SemiVolatile(%d)\n", lock.error());
-        } else {
-            SVF_ERR("failed to get mutex(%d)\n", lock.error());
-        }
+        lock.reportFailure(kUnit, __LINE__, brask::diag::error);
         return false;
     }
     // A file type other than BMC counts as EFI here.
