@@ -7,18 +7,17 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <span>
 
 #include "BraskSvf/svfApi.h"
 #include "archive/catalogue.h"
-#include "archive/fileUtils.h"
 #include "archive/format.h"
 #include "archive/writers.h"
 #include "common/diag.h"
 #include "common/ipmiRequest.h"
 #include "common/scoped.h"
+#include "common/shellCommand.h"
 
 static constexpr const char kUnit[] = "svfBraskArchiver";
 
@@ -28,7 +27,7 @@ namespace format = brask::format;
 using brask::ScopedFile;
 
 bool runCommand() {
-    if (std::system(gTmpStr) != 0) {
+    if (!brask::runShell(gTmpStr)) {
         SVF_ERR("system cmd fail(%d)\n", errno);
         return false;
     }
@@ -79,7 +78,7 @@ bool appendBlocks(const char* backupFile, unsigned numOfBlock, std::size_t heade
             return false;
         }
 
-        if (!brask::archive::formatTmpStr("cat %s >> %s", blockFile, backupFile)) {
+        if (!brask::formatInto(gTmpStr, "cat %s >> %s", blockFile, backupFile)) {
             SVF_ERR("Command make fail.(%d)\n", errno);
             return false;
         }
@@ -127,8 +126,8 @@ int createBackupFile(const catalogue::Selection& cat, INT8U fwType) {
 
     // Reserve the header and table as zeros; the blocks are appended behind.
     const std::size_t headerSize = format::backupHeaderAreaSize(numOfBlock);
-    if (!brask::archive::formatTmpStr("dd if=/dev/zero of=%s bs=%ld count=1", backupFile,
-                                      static_cast<long>(headerSize))) {
+    if (!brask::formatInto(gTmpStr, "dd if=/dev/zero of=%s bs=%ld count=1", backupFile,
+                           static_cast<long>(headerSize))) {
         SVF_ERR("Command make fail.(%d)\n", errno);
         return -1;
     }

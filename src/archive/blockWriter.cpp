@@ -9,7 +9,6 @@
 
 #include "BraskSvf/svfApi.h"
 #include "archive/catalogue.h"
-#include "archive/fileUtils.h"
 #include "archive/format.h"
 #include "archive/writers.h"
 #include "common/diag.h"
@@ -102,7 +101,7 @@ bool writeHeader(FILE* block, const svfBraskArchiveFileHeader_T& header) {
 
 int writeBlock(const brask::catalogue::Selection& cat, int numOfFiles, unsigned n) {
     SVF_DEBUG("ArcBlockNum = %d\n", static_cast<int>(n));
-    if (!brask::archive::formatTmpStr("%s-%d", cat.backupFile, static_cast<int>(n))) {
+    if (!brask::catalogue::blockFileName(gTmpStr, cat.backupFile, n)) {
         SVF_ERR("Command make fail.(%d)\n", errno);
         return -1;
     }

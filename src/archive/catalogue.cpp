@@ -4,13 +4,12 @@
 // touched and nothing is printed here.
 #include "archive/catalogue.h"
 
-#include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <string_view>
 
 #include "BraskSvf/svfApi.h"
 #include "common/paths.h"
+#include "common/shellCommand.h"
 
 namespace {
 
@@ -201,10 +200,6 @@ bool brask::catalogue::cutAtBackupSuffix(char* name) {
     return true;
 }
 
-bool brask::catalogue::blockFileName(char (&name)[SVF_FILE_PASS_SIZE], const char* backupFile,
-                                     unsigned block) {
-    std::memset(name, 0, sizeof name);
-    const int n = std::snprintf(name, sizeof name, "%s-%u", backupFile, block);
-    if (n >= 0 && static_cast<std::size_t>(n) >= sizeof name) errno = ENAMETOOLONG;
-    return n > 0 && static_cast<std::size_t>(n) < sizeof name;
+bool brask::catalogue::blockFileName(std::span<char> name, const char* backupFile, unsigned block) {
+    return formatInto(name, "%s-%u", backupFile, block);
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <span>
 #include <string_view>
 
 #include "BraskSvf/svfTypes.h"
@@ -44,9 +45,9 @@ bool appendBackupSuffix(const char* src, char* dst);
 // with `name` unchanged, when it has none.
 bool cutAtBackupSuffix(char* name);
 
-// "%s-%d": block file `block` beside `backupFile`, in a 152-byte buffer;
-// false (errno ENAMETOOLONG) when it does not fit.
-bool blockFileName(char (&name)[SVF_FILE_PASS_SIZE], const char* backupFile, unsigned block);
+// "%s-%d": block file `block` beside `backupFile`, into the caller's buffer
+// (gTmpStr or a 152-byte one); false, with errno set, when it does not fit.
+bool blockFileName(std::span<char> name, const char* backupFile, unsigned block);
 
 // Longest active path that still takes ".bak" inside a 152-byte buffer.
 inline constexpr unsigned kMaxActivePathLength = SVF_FILE_PASS_SIZE - 1 - 4;

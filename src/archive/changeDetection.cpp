@@ -4,7 +4,6 @@
 // other users of the configuration files are held up for one file at most.
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <utility>
 
@@ -13,6 +12,7 @@
 #include "common/diag.h"
 #include "common/paths.h"
 #include "common/scoped.h"
+#include "common/shellCommand.h"
 
 namespace {
 
@@ -37,15 +37,12 @@ RowOutcome copyOver(const BackupFileList_T& row, char* BackupFilePass) {
 }
 
 RowOutcome removeBackupCopy(const char* BackupFilePass) {
-    std::memset(gTmpStr, 0, sizeof gTmpStr);
-    const int n = std::snprintf(gTmpStr, sizeof gTmpStr, "rm %s\n", BackupFilePass);
-    if (n < 0 || static_cast<size_t>(n) >= sizeof gTmpStr) {
-        if (n >= 0) errno = ENAMETOOLONG;
+    if (!brask::formatInto(gTmpStr, "rm %s\n", BackupFilePass)) {
         SVF_ERR("Command make fail.(%d)\n", errno);
         SVF_DEBUG("goto ERROR");
         return RowOutcome::Error;
     }
-    if (std::system(gTmpStr) != 0) {
+    if (!brask::runShell(gTmpStr)) {
         SVF_ERR("system cmd fail(%d)\n", errno);
         SVF_DEBUG("goto ERROR");
         return RowOutcome::Error;

@@ -7,17 +7,15 @@
 #include <sys/vfs.h>
 
 #include <cerrno>
-#include <cstdarg>
 #include <climits>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <new>
 
 #include "BraskSvf/svfApi.h"
 #include "archive/format.h"
 #include "common/diag.h"
+#include "common/shellCommand.h"
 
 static constexpr const char kUnit[] = "svfBraskArchiver";
 
@@ -59,23 +57,6 @@ bool mappedSum(int fd, std::uint64_t length, std::uint32_t& sum) {
 }
 
 }  // namespace
-
-namespace brask::archive {
-
-bool formatTmpStr(const char* fmt, ...) {
-    std::memset(gTmpStr, 0, sizeof gTmpStr);
-    va_list args;
-    va_start(args, fmt);
-    const int n = std::vsnprintf(gTmpStr, sizeof gTmpStr, fmt, args);
-    va_end(args);
-    if (n < 0 || static_cast<std::size_t>(n) >= sizeof gTmpStr) {
-        std::memset(gTmpStr, 0, sizeof gTmpStr);
-        return false;
-    }
-    return true;
-}
-
-}  // namespace brask::archive
 
 INT32S svfGetFileSize(FILE* fp) {
     if (std::fseek(fp, 0, SEEK_END) != 0) {
@@ -149,13 +130,13 @@ INT32U svfGetFileSum(FILE* fp, INT32U LimitByte) {
 }
 
 int svfExeCopyCmd(char* SrcFile, char* DstFile) {
-    if (!brask::archive::formatTmpStr("cp -p %s %s\n", SrcFile, DstFile)) {
+    if (!brask::formatInto(gTmpStr, "cp -p %s %s\n", SrcFile, DstFile)) {
         SVF_ERR("Command make fail.(%d)\n", errno);
         return -1;
     }
-    const int status = std::system(gTmpStr);
+    const bool copied = brask::runShell(gTmpStr);
     SVF_DEBUG("cp %s %s\n", SrcFile, DstFile);
-    if (status != 0) {
+    if (!copied) {
         SVF_ERR("system cmd fail(%d)\n", errno);
         return -1;
     }

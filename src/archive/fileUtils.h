@@ -15,8 +15,4 @@ inline constexpr std::size_t kSumBlockSize = 64 * 1024;
 inline constexpr std::size_t kSumMapThreshold = 2 * 1024 * 1024;
 inline constexpr std::size_t kSumMapWindow = 64 * 1024 * 1024;
 
-// Clears all of gTmpStr and formats into it.  False, with gTmpStr left
-// empty, when the text does not fit: a cut command or name is never used.
-bool formatTmpStr(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-
 }  // namespace brask::archive

@@ -3,12 +3,12 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <ctime>
 
 #include "common/diag.h"
 #include "common/paths.h"
 #include "common/scoped.h"
+#include "common/shellCommand.h"
 
 static constexpr const char kUnit[] = "svfOEMExeRestoreEvent";
 
@@ -26,11 +26,10 @@ ScopedFile openTrace() {
         return fp;
     }
 
-    char cmdstr[80] = {};
-    const int n = std::snprintf(cmdstr, sizeof cmdstr, "dd if=/dev/zero of=%s bs=%d count=1\n",
-                                paths::kTraceFile, kCreatedSize);
-    if (n > 0 && static_cast<size_t>(n) < sizeof cmdstr) {
-        (void)std::system(cmdstr);  // success is judged by the second open
+    char cmdstr[80];
+    if (formatInto(cmdstr, "dd if=/dev/zero of=%s bs=%d count=1\n", paths::kTraceFile,
+                   kCreatedSize)) {
+        (void)runShell(cmdstr);  // success is judged by the second open
     }
     return ScopedFile(paths::kTraceFile, "rb+");
 }

@@ -4,8 +4,6 @@
 #include "command/exeRestoreEvent.h"
 
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "BraskSvf/svfApi.h"
@@ -15,6 +13,7 @@
 #include "common/eventCodes.h"
 #include "common/paths.h"
 #include "common/scoped.h"
+#include "common/shellCommand.h"
 
 static constexpr const char kUnit[] = "svfOEMExeRestoreEvent";
 
@@ -139,16 +138,15 @@ int svfOEMExeRestoreEvent(INT8U* pReq, INT8U ReqLen, INT8U* pRes, int BMCInst) {
             SVF_ERR("hslAcquireSysvSemaphore fail\n");
             return fail(SVF_CC_LOCK_FAIL);
         }
-        char cmd[2 * SVF_FILE_PASS_SIZE];
-        const int n = std::snprintf(cmd, sizeof cmd, "mv %s %s", brask::paths::kBmcWebBackupFile,
-                                    brask::paths::kBmcBackupFile);
-        if (n < 0 || static_cast<std::size_t>(n) >= sizeof cmd) {
+        char cmd[SVF_TMPSTR_SIZE];
+        if (!brask::formatInto(cmd, "mv %s %s", brask::paths::kBmcWebBackupFile,
+                               brask::paths::kBmcBackupFile)) {
             SVF_ERR("Command make fail.(%d)\n", errno);
             (void)lock.release();
             return fail(SVF_CC_NO_EVENT_OR_FAIL);
         }
         SVF_DEBUG("%s", cmd);
-        if (std::system(cmd) != 0) {
+        if (!brask::runShell(cmd)) {
             SVF_ERR("system cmd fail(%d)\n", errno);
             (void)lock.release();  // nothing else runs while the semaphore is held
             return fail(SVF_CC_NO_EVENT_OR_FAIL);

@@ -1,8 +1,7 @@
 // Set Backup Event: the web console's request for a backup of the BMC files.
 // Change detection refreshes the backup copies, the backup file is written,
 // then moved under the file semaphore to the web console's backup file.
-#include <cstdio>
-#include <cstdlib>
+#include <cerrno>
 #include <cstring>
 
 #include "BraskSvf/svfApi.h"
@@ -11,6 +10,7 @@
 #include "common/eventCodes.h"
 #include "common/paths.h"
 #include "common/scoped.h"
+#include "common/shellCommand.h"
 
 namespace {
 
@@ -46,12 +46,15 @@ INT8U makeWebConsoleBackup() {
         SVF_ERR4("hslAcquireSysvSemaphore fail\n");
         return SVF_CC_LOCK_FAIL;
     }
-    char command[2 * SVF_FILE_PASS_SIZE + 8];
-    std::snprintf(command, sizeof command, "mv %s %s", brask::paths::kBmcBackupFile,
-                  brask::paths::kBmcWebBackupFile);
-    const int status = std::system(command);
+    char command[SVF_TMPSTR_SIZE];
+    if (!brask::formatInto(command, "mv %s %s", brask::paths::kBmcBackupFile,
+                           brask::paths::kBmcWebBackupFile)) {
+        SVF_ERR4("Command make fail.(%d)\n", errno);
+        return SVF_CC_NO_EVENT_OR_FAIL;
+    }
+    const bool moved = brask::runShell(command);
     SVF_DEBUG("%s", command);
-    if (status != 0) {
+    if (!moved) {
         SVF_DEBUG("mv fail");
         return SVF_CC_NO_EVENT_OR_FAIL;  // the semaphore is given back on the way out
     }

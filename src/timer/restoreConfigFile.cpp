@@ -2,14 +2,12 @@
 // stop the services whose files change, unpack the blocks with the restore
 // flag raised, apply time settings and schedule, report, and start the
 // reboot countdown (also after a failure, so the BMC comes back consistent).
-#include <cerrno>
-#include <cstdlib>
-
 #include "BraskSvf/svfApi.h"
 #include "BraskSvf/svfPlatform.h"
 #include "command/statusAreaLock.h"
 #include "common/diag.h"
 #include "common/eventCodes.h"
+#include "common/shellCommand.h"
 
 static constexpr const char kUnit[] = "svfIntervalAutoBackup";
 
@@ -101,7 +99,7 @@ void svfRestoreConfigFile(void) {
     if (F != N_P_M && FT == BMC_FILE) {
         SVF_DEBUG("kill process");
         for (const char* cmd : kStopCommands) {
-            [[maybe_unused]] const int ignored = std::system(cmd);
+            (void)brask::runShell(cmd);
         }
     }
     if (!restore(FT, F, N)) {

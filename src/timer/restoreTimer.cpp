@@ -1,11 +1,10 @@
 // One tick of the deferred restore: the kill-process countdown runs the
 // restore, then the reboot countdown (already counting a value the restore
 // just set, so 1 reboots in the very tick that restored).
-#include <cstdlib>
-
 #include "BraskSvf/svfApi.h"
 #include "command/kvmStopChild.h"
 #include "common/diag.h"
+#include "common/shellCommand.h"
 
 static constexpr const char kUnit[] = "svfIntervalAutoBackup";
 
@@ -22,7 +21,7 @@ void svfRestoreTimer(void) {
         --gRebootAfterRestoreTimer;
         if (gRebootAfterRestoreTimer == 0) {
             SVF_DEBUG("Reboot After Restore");
-            [[maybe_unused]] const int ignored = std::system("reboot");
+            (void)brask::runShell("reboot");
         }
     }
 }
