@@ -114,6 +114,23 @@ enum {
     SVF_CC_NOT_IN_PRESENT_STATE = 0xD5
 };
 
+/* ---- Results of svfExtractBraskBackupFile (0: valid, blocks split) -------- */
+enum {
+    SVF_EXTRACT_FAIL = -1,              /* bad argument, identity unreadable, or I/O failure */
+    SVF_EXTRACT_NO_FILE = -2,           /* file missing or short of its header, or a descriptor unreadable */
+    SVF_EXTRACT_CHECKSUM_MISMATCH = -4, /* the header's or a block's checksum does not hold */
+    SVF_EXTRACT_IDENTITY_MISMATCH = -6, /* model or serial number is not this server's */
+    SVF_EXTRACT_UNKNOWN_DATA_REV = -7,  /* data revision this library does not know */
+    SVF_EXTRACT_FW_TYPE_MISMATCH = -8,  /* firmware type differs from the one asked for */
+    SVF_EXTRACT_UNKNOWN_FORMAT = -9     /* header Version is not the one this library writes */
+};
+
+/* ---- Results of svfCreateBraskArchive (0: every block written) ------------ */
+enum {
+    SVF_ARCHIVE_FAIL = -1,        /* any failure but a missing mandatory copy */
+    SVF_ARCHIVE_MISSING_FILE = -3 /* a mandatory backup copy is missing or cannot be opened */
+};
+
 /* ---- IPMI request packet (platform record, natural alignment) ------------ */
 #define SVF_MSGPKT_DATA_SIZE 61440
 typedef struct {

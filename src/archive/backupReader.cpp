@@ -25,29 +25,20 @@ using brask::ScopedMapping;
 namespace format = brask::format;
 namespace paths = brask::paths;
 
-// Results of svfExtractBraskBackupFile.
-constexpr int kFail = -1;
-constexpr int kNoFile = -2;
-constexpr int kChecksum = -4;
-constexpr int kIdentity = -6;
-constexpr int kDataRev = -7;
-constexpr int kFwType = -8;
-constexpr int kFormat = -9;
-
 // The model and serial number must be this server's, as its FRU reports them.
 int checkIdentity(const svfBraskBackupFileHeader_T& header) {
     svfBraskBackupFileHeader_T own{};
     if (svfGetProductIdFru(&own) != 0) {
         SVF_ERR("svfGetProductIdFru fail(%d)\n", errno);
-        return kFail;
+        return SVF_EXTRACT_FAIL;
     }
     if (std::memcmp(own.ModelNumber, header.ModelNumber, sizeof own.ModelNumber) != 0) {
         SVF_ERR("ModelNumber Mismatch\n");
-        return kIdentity;
+        return SVF_EXTRACT_IDENTITY_MISMATCH;
     }
     if (std::memcmp(own.SerialNumber, header.SerialNumber, sizeof own.SerialNumber) != 0) {
         SVF_ERR("SerialNumber Mismatch\n");
-        return kIdentity;
+        return SVF_EXTRACT_IDENTITY_MISMATCH;
     }
     return 0;
 }
@@ -60,38 +51,38 @@ int splitBlock(format::Bytes file, const char* backupFile, unsigned index) {
     char name[SVF_FILE_PASS_SIZE];
     if (!brask::catalogue::blockFileName(name, backupFile, index)) {
         SVF_ERR("Command make fail.(%d)\n", errno);
-        return kFail;
+        return SVF_EXTRACT_FAIL;
     }
     ScopedFile out(name, "wb+");
     if (!out) {
         SVF_ERR("fopen fail(%d)\n", errno);
-        return kFail;
+        return SVF_EXTRACT_FAIL;
     }
     svfBraskBackupFileBlockInfo_T info{};
     if (format::decodeBlockInfo(file, index, info) != format::Status::Ok) {
         SVF_ERR("fread fail(%d)\n", errno);
-        return kNoFile;
+        return SVF_EXTRACT_NO_FILE;
     }
     format::Bytes block;
     const format::Status st = format::blockBytes(file, info, block);
     if (st != format::Status::Ok) {
         SVF_ERR("Block#%d descriptor rejected : %s\n", static_cast<int>(index), format::statusText(st));
-        return kFail;
+        return SVF_EXTRACT_FAIL;
     }
 
     if ((!block.empty() && std::fwrite(block.data(), block.size(), 1, out.get()) != 1) ||
         std::fflush(out.get()) != 0) {
         SVF_ERR("fwrite fail(%d)\n", errno);
-        return kFail;
+        return SVF_EXTRACT_FAIL;
     }
     if (svfGetFileSum(out.get(), 0) != 0) {
         SVF_ERR("ChkSum UnMatch\n");
-        return kChecksum;
+        return SVF_EXTRACT_CHECKSUM_MISMATCH;
     }
     SVF_DEBUG("ArcBlock#%d Check sum Good\n", static_cast<int>(index));
     if (out.close() != 0) {
         SVF_ERR("fwrite fail(%d)\n", errno);
-        return kFail;
+        return SVF_EXTRACT_FAIL;
     }
     return 0;
 }
@@ -105,7 +96,7 @@ const char* restoreStartLine(INT8U fwType) {
 int svfExtractBraskBackupFile(INT8U FwTyep, INT8U RestoreMode, INT8U* NumOfBlock) {
     if (FwTyep > BMC_FILE || NumOfBlock == nullptr) {
         SVF_ERR("Parameter Out Of Range\n");
-        return kFail;
+        return SVF_EXTRACT_FAIL;
     }
     SVF_DEBUG("%s", restoreStartLine(FwTyep));
     const char* backupFile = paths::backupFileFor(FwTyep);
@@ -113,12 +104,12 @@ int svfExtractBraskBackupFile(INT8U FwTyep, INT8U RestoreMode, INT8U* NumOfBlock
     ScopedFile fp(backupFile, "rb");
     if (!fp) {
         SVF_ERR("fopen fail\n");
-        return kNoFile;
+        return SVF_EXTRACT_NO_FILE;
     }
     std::uint8_t raw[format::kBackupHeaderSize];
     if (std::fread(raw, sizeof raw, 1, fp.get()) != 1) {
         SVF_ERR("fread fail(%d)\n", errno);
-        return kNoFile;
+        return SVF_EXTRACT_NO_FILE;
     }
     svfBraskBackupFileHeader_T header{};
     (void)format::decodeBackupHeader(format::Bytes(raw, sizeof raw), header);
@@ -126,20 +117,20 @@ int svfExtractBraskBackupFile(INT8U FwTyep, INT8U RestoreMode, INT8U* NumOfBlock
     const std::size_t headerArea = format::backupHeaderAreaSize(header.NumOfBlock);
     if (svfGetFileSum(fp.get(), static_cast<INT32U>(headerArea)) != 0) {
         SVF_ERR("ChkSum not Match\n");
-        return kChecksum;
+        return SVF_EXTRACT_CHECKSUM_MISMATCH;
     }
     SVF_DEBUG("Check sum Good");
     if (header.Version != format::kBackupVersion) {
         SVF_ERR("Unknown File Format\n");
-        return kFormat;
+        return SVF_EXTRACT_UNKNOWN_FORMAT;
     }
     if (header.FwType != FwTyep) {
         SVF_ERR("FwTyep not Match\n");
-        return kFwType;
+        return SVF_EXTRACT_FW_TYPE_MISMATCH;
     }
     if (FwTyep == BMC_FILE && RestoreMode != N_P_M && header.DataRev != format::kBackupDataRev) {
         SVF_ERR("Unknown Data Rev\n");
-        return kDataRev;
+        return SVF_EXTRACT_UNKNOWN_DATA_REV;
     }
     if (RestoreMode != N_P_M) {
         const int rc = checkIdentity(header);
@@ -148,17 +139,17 @@ int svfExtractBraskBackupFile(INT8U FwTyep, INT8U RestoreMode, INT8U* NumOfBlock
 
     if (std::fseek(fp.get(), 0, SEEK_END) != 0) {
         SVF_ERR("fseek fail(%d)\n", errno);
-        return kFail;
+        return SVF_EXTRACT_FAIL;
     }
     const long size = std::ftell(fp.get());
     if (size < 0) {
         SVF_ERR("ftell fail(%d)\n", errno);
-        return kFail;
+        return SVF_EXTRACT_FAIL;
     }
     ScopedMapping mapping(::fileno(fp.get()), static_cast<std::size_t>(size));
     if (!mapping.ok()) {
         SVF_ERR("mmap fail(%d)\n", errno);
-        return kFail;
+        return SVF_EXTRACT_FAIL;
     }
     const format::Bytes file(mapping.data(), mapping.size());
 

@@ -103,16 +103,16 @@ int writeBlock(const brask::catalogue::Selection& cat, int numOfFiles, unsigned 
     SVF_DEBUG("ArcBlockNum = %d\n", static_cast<int>(n));
     if (!brask::catalogue::blockFileName(gTmpStr, cat.backupFile, n)) {
         SVF_ERR("Command make fail.(%d)\n", errno);
-        return -1;
+        return SVF_ARCHIVE_FAIL;
     }
     ScopedFile block(gTmpStr, "wb+");
     if (!block) {
         SVF_ERR("fopen fail(%d)\n", errno);
-        return -1;
+        return SVF_ARCHIVE_FAIL;
     }
     if (std::fseek(block.get(), static_cast<long>(format::kArchiveHeaderSize), SEEK_SET) != 0) {
         SVF_ERR("fseek fail(%d)\n", errno);
-        return -1;
+        return SVF_ARCHIVE_FAIL;
     }
 
     svfBraskArchiveFileHeader_T header{};
@@ -124,8 +124,8 @@ int writeBlock(const brask::catalogue::Selection& cat, int numOfFiles, unsigned 
         switch (packRow(block.get(), row, entry)) {
             case Packed::Ok: ++header.NumOfEntry; break;
             case Packed::Skipped: break;
-            case Packed::Missing: return -3;
-            case Packed::Failed: return -1;
+            case Packed::Missing: return SVF_ARCHIVE_MISSING_FILE;
+            case Packed::Failed: return SVF_ARCHIVE_FAIL;
         }
     }
     SVF_DEBUG("Combined File = %d\n", static_cast<int>(header.NumOfEntry));
@@ -133,17 +133,17 @@ int writeBlock(const brask::catalogue::Selection& cat, int numOfFiles, unsigned 
     header.Version = format::kArchiveVersion;
     if (!writeHeader(block.get(), header)) {
         SVF_ERR("fwrite fail(%d)\n", errno);
-        return -1;
+        return SVF_ARCHIVE_FAIL;
     }
     header.ChkSum = format::zeroSumComplement(svfGetFileSum(block.get(), 0));
     SVF_DEBUG("Block.ChkSum = %lx\n", static_cast<unsigned long>(header.ChkSum));
     if (!writeHeader(block.get(), header)) {
         SVF_ERR("fwrite fail(%d)\n", errno);
-        return -1;
+        return SVF_ARCHIVE_FAIL;
     }
     if (block.close() != 0) {
         SVF_ERR("fwrite fail(%d)\n", errno);
-        return -1;
+        return SVF_ARCHIVE_FAIL;
     }
     return 0;
 }

@@ -10,11 +10,11 @@
 namespace brask::archive {
 
 // Writes "<cat.backupFile>-n" for n < numOfArcBlock from the first
-// numOfFiles rows of cat.  0, -3 (a mandatory copy missing or unreadable), -1.
+// numOfFiles rows of cat.  0, SVF_ARCHIVE_MISSING_FILE or SVF_ARCHIVE_FAIL.
 int createArchive(const catalogue::Selection& cat, int numOfFiles, INT8U numOfArcBlock);
 
 // Writes cat.backupFile with fwType in its header.  0, the archive writer's
-// -1 / -3, or -1.
+// result, or -1.
 int createBackupFile(const catalogue::Selection& cat, INT8U fwType);
 
 }  // namespace brask::archive

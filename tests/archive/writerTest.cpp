@@ -229,7 +229,7 @@ TEST_F(Writers, FaultsGiveTheirResultAndReleaseEverything) {
         {"FRU read refused", [] { hostIpmiFailCmd(0x11, 2, 1, 0xC1); }, -1, {"API_ExecuteCmd Fail\n"}},
         {"SEL time refused", [] { hostIpmiFailCmd(0x48, 0, 1, 0xC1); }, -1, {"API_ExecuteCmd Fail\n"}},
         {"FwInfo missing", [] { brask::test::removeFwInfo(); }, -1, {}},
-        {"mandatory copy missing", [] { ::unlink("/conf/passwd.bak"); }, -3,
+        {"mandatory copy missing", [] { ::unlink("/conf/passwd.bak"); }, SVF_ARCHIVE_MISSING_FILE,
          {"fopen fail(2)\n", "svfCreateBraskArchive fail\n"}},
         {"backup path is a directory", [] { ::mkdir("/var/brask/BMC.bak", 0755); }, -1, {"system cmd fail("}},
     };

@@ -31,29 +31,32 @@ struct ReaderCase {
 
 constexpr INT8U kWeb = BMC_WEB_CONSOLE;
 const ReaderCase kReaderCases[] = {
-    {"Missing", nullptr, BMC_FILE, kWeb, -2},
-    {"ShorterThanHeader", [] { return ByteVec(95, 0); }, BMC_FILE, kWeb, -2},
-    {"FlippedHeaderByte", [] { return flipped(40); }, BMC_FILE, kWeb, -4},
-    {"FlippedTableByte", [] { return flipped(100); }, BMC_FILE, kWeb, -4},
-    {"FlippedBlockByte", [] { return flipped(sampleBackup().size() - 2); }, BMC_FILE, kWeb, -4},
-    {"Version2", [] { return sampleBackup({.version = 2}); }, BMC_FILE, kWeb, -9},
-    {"OtherFwType", [] { return sampleBackup(); }, EFI_FILE, kWeb, -8},
-    {"FwTypeOutOfRange", [] { return sampleBackup(); }, 2, kWeb, -1},
-    {"DataRev1Web", [] { return sampleBackup({.dataRev = 1}); }, BMC_FILE, kWeb, -7},
-    {"DataRev1Svp", [] { return sampleBackup({.dataRev = 1}); }, BMC_FILE, SVP_CONSOL, -7},
+    {"Missing", nullptr, BMC_FILE, kWeb, SVF_EXTRACT_NO_FILE},
+    {"ShorterThanHeader", [] { return ByteVec(95, 0); }, BMC_FILE, kWeb, SVF_EXTRACT_NO_FILE},
+    {"FlippedHeaderByte", [] { return flipped(40); }, BMC_FILE, kWeb, SVF_EXTRACT_CHECKSUM_MISMATCH},
+    {"FlippedTableByte", [] { return flipped(100); }, BMC_FILE, kWeb, SVF_EXTRACT_CHECKSUM_MISMATCH},
+    {"FlippedBlockByte", [] { return flipped(sampleBackup().size() - 2); }, BMC_FILE, kWeb,
+     SVF_EXTRACT_CHECKSUM_MISMATCH},
+    {"Version2", [] { return sampleBackup({.version = 2}); }, BMC_FILE, kWeb, SVF_EXTRACT_UNKNOWN_FORMAT},
+    {"OtherFwType", [] { return sampleBackup(); }, EFI_FILE, kWeb, SVF_EXTRACT_FW_TYPE_MISMATCH},
+    {"FwTypeOutOfRange", [] { return sampleBackup(); }, 2, kWeb, SVF_EXTRACT_FAIL},
+    {"DataRev1Web", [] { return sampleBackup({.dataRev = 1}); }, BMC_FILE, kWeb, SVF_EXTRACT_UNKNOWN_DATA_REV},
+    {"DataRev1Svp", [] { return sampleBackup({.dataRev = 1}); }, BMC_FILE, SVP_CONSOL,
+     SVF_EXTRACT_UNKNOWN_DATA_REV},
     {"DataRev1NplusM", [] { return sampleBackup({.dataRev = 1}); }, BMC_FILE, N_P_M, 0},
     {"OtherModel", [] { return sampleBackup({.ownIdentity = false, .model = "OTHER-MODEL"}); },
-     BMC_FILE, kWeb, -6},
+     BMC_FILE, kWeb, SVF_EXTRACT_IDENTITY_MISMATCH},
     {"OtherSerial", [] { return sampleBackup({.ownIdentity = false, .serial = "SN9999"}); },
-     BMC_FILE, kWeb, -6},
+     BMC_FILE, kWeb, SVF_EXTRACT_IDENTITY_MISMATCH},
     {"OtherServerNplusM",
      [] { return sampleBackup({.ownIdentity = false, .model = "OTHER", .serial = "SN9999"}); },
      BMC_FILE, N_P_M, 0},
-    {"BlockPastEnd", [] { return withDescriptor(1, 136, 1 << 20); }, BMC_FILE, kWeb, -1},
-    {"OffsetPastEnd", [] { return withDescriptor(1, 0x7FFFFFF0, 8); }, BMC_FILE, kWeb, -1},
-    {"NegativeBlockSize", [] { return withDescriptor(1, 136, -1); }, BMC_FILE, kWeb, -1},
+    {"BlockPastEnd", [] { return withDescriptor(1, 136, 1 << 20); }, BMC_FILE, kWeb, SVF_EXTRACT_FAIL},
+    {"OffsetPastEnd", [] { return withDescriptor(1, 0x7FFFFFF0, 8); }, BMC_FILE, kWeb, SVF_EXTRACT_FAIL},
+    {"NegativeBlockSize", [] { return withDescriptor(1, 136, -1); }, BMC_FILE, kWeb, SVF_EXTRACT_FAIL},
     // Inside the file, so split as described; its own sum then fails.
-    {"BlockShorterThanItsHeader", [] { return withDescriptor(1, 136, 4); }, BMC_FILE, kWeb, -4},
+    {"BlockShorterThanItsHeader", [] { return withDescriptor(1, 136, 4); }, BMC_FILE, kWeb,
+     SVF_EXTRACT_CHECKSUM_MISMATCH},
 };
 
 class BackupReader : public RestoreTest, public ::testing::WithParamInterface<ReaderCase> {};
@@ -82,7 +85,9 @@ TEST_F(RestoreTest, EveryTruncationIsRefused) {
         writeBytes(kBackup, ByteVec(full.begin(), full.begin() + static_cast<long>(len)));
         INT8U blocks = 0;
         const int rc = svfExtractBraskBackupFile(BMC_FILE, BMC_WEB_CONSOLE, &blocks);
-        EXPECT_TRUE(rc == -1 || rc == -2 || rc == -4) << "length " << len << " gave " << rc;
+        EXPECT_TRUE(rc == SVF_EXTRACT_FAIL || rc == SVF_EXTRACT_NO_FILE ||
+                    rc == SVF_EXTRACT_CHECKSUM_MISMATCH)
+            << "length " << len << " gave " << rc;
     }
 }
 
@@ -106,7 +111,7 @@ TEST_F(RestoreTest, SplitWritesEachBlockBesideTheBackup) {
 
     // A block file is cut before its descriptor is looked at.
     writeBytes(kBackup, withDescriptor(1, 136, 1 << 20));
-    EXPECT_EQ(svfExtractBraskBackupFile(BMC_FILE, BMC_WEB_CONSOLE, &blocks), -1);
+    EXPECT_EQ(svfExtractBraskBackupFile(BMC_FILE, BMC_WEB_CONSOLE, &blocks), SVF_EXTRACT_FAIL);
     EXPECT_EQ(readBytes("/var/brask/BMC.bak-1"), ByteVec{});
 }
 
