@@ -54,6 +54,17 @@ inline constexpr std::array<unsigned, SVF_EVENT_SLOT_COUNT> kGeneratedOrder{
 
 inline constexpr bool isRestoreSlot(unsigned index) { return index < SVF_BACKUP_SLOT_BASE; }
 
+// EventType of the answer: the slot's base state (the low four bits, so the
+// "and generated" states read as their base), plus 0x10 for a restore slot.
+inline constexpr unsigned kRestoreEventType = 0x10;
+inline constexpr unsigned kEventTypeStateBits = 0x0F;
+constexpr INT8U eventType(INT8U state, unsigned index) {
+    return static_cast<INT8U>((state & kEventTypeStateBits) +
+                              (isRestoreSlot(index) ? kRestoreEventType : 0u));
+}
+constexpr bool isRestoreEventType(INT8U type) { return (type & kRestoreEventType) != 0; }
+constexpr INT8U eventTypeState(INT8U type) { return static_cast<INT8U>(type & kEventTypeStateBits); }
+
 constexpr bool rowsFollowSlotIndex() {
     for (unsigned i = 0; i < kEventSlots.size(); ++i) {
         const EventKind kind = isRestoreSlot(i) ? EventKind::Restore : EventKind::Backup;

@@ -69,8 +69,7 @@ int svfGetBackupRestoreEvent(INT8U* pReq, INT8U ReqLen, INT8U* pRes) {
     } else {
         const auto index = static_cast<unsigned>(slot);
         const auto& entry = brask::slots::kEventSlots[index];
-        pRes[1] = static_cast<INT8U>((svf.svfStatusList[index] & 0x0F) +
-                                     (brask::slots::isRestoreSlot(index) ? 0x10 : 0x00));
+        pRes[1] = brask::slots::eventType(svf.svfStatusList[index], index);
         pRes[2] = entry.FileType;
         pRes[3] = entry.Function;
     }

@@ -22,6 +22,10 @@ constexpr unsigned slotIndex(EventKind kind, unsigned function, unsigned fileTyp
 constexpr INT8U selEventCode(unsigned slot, unsigned selClass) {
     return static_cast<INT8U>(slot + selClass);
 }
+// The two parts back from the event data: slots stay below 16, classes are
+// multiples of 16.
+constexpr unsigned selEventSlot(INT8U code) { return code & 0x0Fu; }
+constexpr unsigned selEventClass(INT8U code) { return code & 0xF0u; }
 
 // The index is where the named fields put the byte.
 static_assert(slotIndex(EventKind::Restore, N_P_M, EFI_FILE) == offsetof(svfStatus_T, Restore.NpM.Efi));
@@ -32,5 +36,7 @@ static_assert(slotIndex(EventKind::Backup, SVP_CONSOL, EFI_FILE) ==
               offsetof(svfStatus_T, Backup.SvpConsole.Efi));
 static_assert(selEventCode(slotIndex(EventKind::Backup, BMC_WEB_CONSOLE, BMC_FILE),
                            SEL_CLASS_OTHER_RUNNING) == 0x4B);
+static_assert(SVF_EVENT_SLOT_COUNT <= 16 && SEL_CLASS_SUCCESS % 16 == 0 && SEL_CLASS_FAIL % 16 == 0 &&
+              SEL_CLASS_OTHER_RUNNING % 16 == 0);
 
 }  // namespace brask

@@ -7,6 +7,7 @@
 #include "BraskSvf/svfPlatform.h"
 #include "common/diag.h"
 #include "common/scoped.h"
+#include "eeprom/eepromLayout.h"
 
 namespace brask::eeprom {
 namespace {
@@ -15,7 +16,6 @@ constexpr INT8U kEepromBus = 0x11;
 constexpr INT8U kEepromChannel = 2;
 constexpr INT8U kEepromSlaveAddr = 0x52;
 constexpr INT8U kEepromWrite = 1;
-constexpr INT32U kImageLength = 10;
 constexpr int kStartLevel = 4;
 constexpr int kEepromFailureLevel = 2;
 constexpr INT8S kFileError = static_cast<INT8S>(0xC0);

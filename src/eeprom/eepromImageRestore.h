@@ -11,7 +11,7 @@ struct EepromImage {
     const char* unit;          // diagnostics unit of the caller
     const char* function;      // the exported function's name, echoed in its messages
     const char* path;          // the file image
-    INT32U offset;             // where its 10 bytes live in the EEPROM
+    INT32U offset;             // where its kImageLength bytes live in the EEPROM
     int errorLevel;            // level of the open, read and close error lines
     bool announceStart;        // writes the level-4 "Start." line first
     bool reportEepromFailure;  // logs a short EEPROM write at level 2

@@ -2,12 +2,14 @@
 #include "BraskSvf/svfApi.h"
 #include "common/paths.h"
 #include "eeprom/eepromImageRestore.h"
+#include "eeprom/eepromLayout.h"
 
 static constexpr const char kUnit[] = "svfRestorePostCheckCode";
 
 INT8S svfRestorePostCheckCode(void) {
     static constexpr brask::eeprom::EepromImage kImage{
-        kUnit, "svfRestorePostCheckCode", brask::paths::kPostCheckCodeFile, 0x780C,
+        kUnit, "svfRestorePostCheckCode", brask::paths::kPostCheckCodeFile,
+        brask::eeprom::kPostCheckCodeOffset,
         /*errorLevel=*/3, /*announceStart=*/false, /*reportEepromFailure=*/false};
     return brask::eeprom::restoreEepromImage(kImage);
 }

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "BraskSvf/svfTypes.h"
+#include "command/eventSlots.h"
 #include "common/eventCodes.h"
 #include "fuzzCheck.h"
 
@@ -31,7 +32,7 @@ inline void checkEventAnswer(const svfSemiVol_T& svf, const INT8U* res, int leng
     }
     FUZZ_CHECK((res[1] & 0xE0) == 0 && res[2] <= BMC_FILE && res[3] <= BMC_WEB_CONSOLE);
     const unsigned slot =
-        slotIndex((res[1] & 0x10) != 0 ? EventKind::Restore : EventKind::Backup, res[3], res[2]);
+        slotIndex(slots::isRestoreEventType(res[1]) ? EventKind::Restore : EventKind::Backup, res[3], res[2]);
     FUZZ_CHECK((svf.svfStatusList[slot] & 0x0F) == (res[1] & 0x0F));
 }
 

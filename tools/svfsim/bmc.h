@@ -19,9 +19,9 @@ namespace svfsim {
 inline constexpr char kStateDir[] = "/var/svfsim";
 inline constexpr char kInitializedMark[] = "/var/svfsim/initialized";
 inline constexpr char kTimersFile[] = "/var/svfsim/timers";
-// A copy of the last web backup: the restore consumes /var/brask/BmcWeb.bak.
+// A copy of the last web backup: the restore consumes the web console's
+// backup file (brask::paths::kBmcWebBackupFile).
 inline constexpr char kLastWebBackup[] = "/var/svfsim/last-web-backup.bak";
-inline constexpr char kWebBackupFile[] = "/var/brask/BmcWeb.bak";
 
 struct Status {
     std::array<std::uint8_t, SVF_EVENT_SLOT_COUNT> slots{};

@@ -13,8 +13,11 @@
 #include <thread>
 
 #include "BraskSvf/hostPlatformControl.h"
+#include "command/eventSlots.h"
 #include "common/eventCodes.h"
+#include "common/paths.h"
 #include "console.h"
+#include "eeprom/eepromLayout.h"
 #include "names.h"
 #include "sandbox/sandbox.h"
 #include "sandbox/scenario.h"
@@ -25,12 +28,9 @@ namespace {
 using nlohmann::json;
 namespace sb = brask::sandbox;
 
-// PostCheckCode.dat and WatchdogParameters.dat are images of these EEPROM ranges.
-constexpr long kWatchdogEepromOffset = 0x7804;
-constexpr long kPostCheckEepromOffset = 0x780C;
-constexpr std::size_t kEepromImageBytes = 10;
+namespace paths = brask::paths;
+
 constexpr unsigned kMaxRestoreTicks = 64;
-constexpr char kFruBackupFile[] = "/conf/brask/FRUBACKUP.dat";
 
 const char* requesterName(std::uint8_t function) {
     switch (function) {
@@ -92,7 +92,7 @@ std::string timeText(std::uint32_t t) {
 std::string selText(const SelEntry& e) {
     const SelClass* cls = selClass(e.eventData);
     return "#" + std::to_string(e.index) + "  " + timeText(e.time) + " UTC  " + hex2(e.eventData) +
-           "  " + slotName(e.eventData & 0x0Fu) + "  " + (cls != nullptr ? cls->meaning : "unknown class");
+           "  " + slotName(brask::selEventSlot(e.eventData)) + "  " + (cls != nullptr ? cls->meaning : "unknown class");
 }
 
 void printSel(const std::vector<SelEntry>& entries, const char* indent) {
@@ -154,11 +154,12 @@ bool tickUntilReboot(Bmc& bmc, std::vector<SelEntry>& selAdded, bool& rebooted) 
 
 void writeEepromImage() {
     std::fstream eeprom(HOST_EEPROM_FILE, std::ios::in | std::ios::out | std::ios::binary);
-    const std::pair<long, const char*> images[] = {
-        {kWatchdogEepromOffset, "/conf/brask/WatchdogParameters.dat"},
-        {kPostCheckEepromOffset, "/conf/brask/PostCheckCode.dat"}};
+    // The EEPROM holds what the images say, as after a restore of them.
+    const std::pair<INT32U, const char*> images[] = {
+        {brask::eeprom::kWatchdogParametersOffset, paths::kWatchdogParametersFile},
+        {brask::eeprom::kPostCheckCodeOffset, paths::kPostCheckCodeFile}};
     for (const auto& [offset, file] : images) {
-        const std::string data = sb::readFile(file).substr(0, kEepromImageBytes);
+        const std::string data = sb::readFile(file).substr(0, brask::eeprom::kImageLength);
         eeprom.seekp(offset);
         eeprom.write(data.data(), static_cast<std::streamsize>(data.size()));
     }
@@ -185,16 +186,15 @@ int runInit(Bmc& bmc, const InitOptions& o) {
     // The generated FRU backup file is not this FRU: a restore would write it
     // into the device and change the model and serial number.  Start from the
     // empty pair the firmware makes, so the first backup reads the real FRU.
-    ::unlink(kFruBackupFile);
+    (void)::unlink(paths::kFruBackupFile);
     if (!bmc.initFruLogFile()) return fail("the FRU backup file could not be made");
     writeEepromImage();
     sb::setFwInfo(o.fwInfo + "\n");
     ::mkdir(kStateDir, 0755);
     sb::writeFile(kInitializedMark, "");
     bmc.saveTimers();
-    say("init: %zu catalogued files written under /conf (of %d catalogue rows), plus "
-        "/conf/brask/BIOSConfig.dat",
-        written.size(), SVF_BMC_BACKUP_FILE_COUNT);
+    say("init: %zu catalogued files written under /conf (of %d catalogue rows), plus %s",
+        written.size(), SVF_BMC_BACKUP_FILE_COUNT, paths::kBiosConfigFile);
     say("init: FRU image 2048 bytes, model %s, serial %s", o.model.c_str(), o.serial.c_str());
     say("init: EEPROM image %s (%d bytes), firmware info \"%s\"", HOST_EEPROM_FILE, HOST_EEPROM_SIZE,
         o.fwInfo.c_str());
@@ -205,10 +205,10 @@ int runEvent(Bmc& bmc, bool asJson) {
     const EventAnswer a = bmc.event();
     const OEM_GetBackupRestoreEventRes_T& r = a.res;
     const bool found = r.CompletionCode == SVF_CC_NORMAL;
-    const bool restore = (r.EventType & 0x10u) != 0;
+    const bool restore = brask::slots::isRestoreEventType(r.EventType);
     const unsigned slot = brask::slotIndex(restore ? brask::EventKind::Restore : brask::EventKind::Backup,
                                            r.Function, r.FileType);
-    const std::uint8_t state = static_cast<std::uint8_t>(r.EventType & 0x0Fu);
+    const std::uint8_t state = brask::slots::eventTypeState(r.EventType);
     const std::string meaning = completionMeaning(r.CompletionCode, Handler::Get);
     if (asJson) {
         json j = {{"completionCode", r.CompletionCode}, {"meaning", meaning}, {"length", a.length},
@@ -237,18 +237,18 @@ int runEvent(Bmc& bmc, bool asJson) {
 }
 
 int runBackup(Bmc& bmc, std::uint8_t function, std::uint8_t fileType) {
-    const FileStamp before = stamp(kWebBackupFile);
+    const FileStamp before = stamp(paths::kBmcWebBackupFile);
     const std::size_t selBefore = bmc.sel().size();
     say("backup: Set Backup Event for the %s from the %s", fileTypeName(fileType), requesterName(function));
     const std::uint8_t cc = bmc.setBackupEvent(fileType, function);
     const std::string meaning = completionMeaning(cc, Handler::Set);
     say("  completion code %s: %s", hex2(cc).c_str(), meaning.c_str());
     printSel(selSince(bmc, selBefore), "  ");
-    const FileStamp after = stamp(kWebBackupFile);
+    const FileStamp after = stamp(paths::kBmcWebBackupFile);
     if (after.exists && !(after == before)) {
-        say("  backup file: %s, %ld bytes%s", kWebBackupFile, after.size, onHost(kWebBackupFile).c_str());
+        say("  backup file: %s, %ld bytes%s", paths::kBmcWebBackupFile, after.size, onHost(paths::kBmcWebBackupFile).c_str());
         ::mkdir(kStateDir, 0755);
-        if (!copyFile(kWebBackupFile, kLastWebBackup)) return fail("cannot keep a copy of the backup");
+        if (!copyFile(paths::kBmcWebBackupFile, kLastWebBackup)) return fail("cannot keep a copy of the backup");
     } else {
         say("  no backup file written by this request");
     }
@@ -262,9 +262,9 @@ int runRestore(Bmc& bmc, const std::string& file, std::uint8_t function, bool ti
         return fail(file.empty() ? "no web backup yet: run 'svfsim backup' first or give --file"
                                  : source + " does not exist");
     }
-    if (!copyFile(source, kWebBackupFile)) return fail("cannot copy " + source + " to " + kWebBackupFile);
+    if (!copyFile(source, paths::kBmcWebBackupFile)) return fail("cannot copy " + source + " to " + paths::kBmcWebBackupFile);
     say("restore: %s copied to %s (%ld bytes)", file.empty() ? "the last web backup" : source.c_str(),
-        kWebBackupFile, stamp(kWebBackupFile).size);
+        paths::kBmcWebBackupFile, stamp(paths::kBmcWebBackupFile).size);
     const std::size_t selBefore = bmc.sel().size();
     const std::size_t commandsBefore = bmc.commandLogLines().size();
     say("  Execute Restore Event for the BMC files from the %s", requesterName(function));
@@ -365,8 +365,9 @@ int runSel(Bmc& bmc, bool asJson) {
         for (const SelEntry& e : entries) {
             const SelClass* cls = selClass(e.eventData);
             j.push_back({{"index", e.index}, {"time", e.time}, {"eventData", e.eventData},
-                         {"slot", e.eventData & 0x0Fu}, {"slotName", slotName(e.eventData & 0x0Fu)},
-                         {"class", e.eventData & 0xF0u},
+                         {"slot", brask::selEventSlot(e.eventData)},
+                         {"slotName", slotName(brask::selEventSlot(e.eventData))},
+                         {"class", brask::selEventClass(e.eventData)},
                          {"className", cls != nullptr ? cls->name : "unknown"}});
         }
         say("%s", j.dump(2).c_str());

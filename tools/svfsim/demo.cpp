@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "common/paths.h"
 #include "console.h"
 #include "listing.h"
 #include "sandbox/sandbox.h"
@@ -60,7 +61,7 @@ int runDemo(Bmc& bmc) {
 
     heading("backup contents (svfdump shows everything)");
     std::string error;
-    if (!listBackup(kWebBackupFile, 5, error)) return fail(error);
+    if (!listBackup(brask::paths::kBmcWebBackupFile, 5, error)) return fail(error);
 
     heading("damage");
     for (const Damage& d : kDamage) {

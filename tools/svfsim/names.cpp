@@ -7,6 +7,7 @@
 
 #include "BraskSvf/svfTypes.h"
 #include "command/eventSlots.h"
+#include "common/eventCodes.h"
 #include "event/eventNames.h"
 
 namespace svfsim {
@@ -121,7 +122,7 @@ std::string completionMeaning(std::uint8_t code, Handler handler) {
 
 const SelClass* selClass(std::uint8_t eventData) {
     for (const SelClass& c : kSelClasses) {
-        if (c.code == (eventData & 0xF0u)) return &c;
+        if (c.code == brask::selEventClass(eventData)) return &c;
     }
     return nullptr;
 }
