@@ -35,6 +35,85 @@ constexpr ExtractionCode kExtractionCodes[] = {
 };
 
 constexpr INT8U kKillProcessTicks = 10;
+constexpr int kResLen = sizeof(OEM_ExeRestoreEventRes_T);
+
+void addSel(const OEM_ExeRestoreEventReq_T& req, unsigned selClass) {
+    const unsigned slot = slotIndex(EventKind::Restore, req.Function, req.FileType);
+    (void)hslAddSEL(SVF_SEL_ARG1, SVF_SEL_ARG2, selEventCode(slot, selClass));
+}
+
+// Answers the requesters whose restores are not this library's to run;
+// true for the web console.
+bool webConsoleRequest(INT8U Function, INT8U* pRes) {
+    switch (Function) {
+        case N_P_M:
+            SVF_DEBUG("Function == N_P_M");
+            SVF_DEBUG_NOEOL("Non Check");
+            return false;
+        case SVP_CONSOL:
+            SVF_DEBUG("Function == SVP_CONSOL");
+            SVF_DEBUG_NOEOL("Non Check");
+            return false;
+        case BMC_WEB_CONSOLE:
+            SVF_DEBUG("Function == BMC_WEB_CONSOLE");
+            return true;
+        default:
+            SVF_DEBUG("PARAM_OUT_OF_RANGE");
+            pRes[0] = SVF_CC_PARAM_OUT_OF_RANGE;
+            return false;
+    }
+}
+
+bool firmwareUpdateRunning() {
+    SVF_DEBUG("extern FwUpdateStateFlag = %x\n", FwUpdateStateFlag);
+    if (FwUpdateStateFlag >= 1 && FwUpdateStateFlag <= 8) {
+        SVF_ERR("BMC Busy. Running FwUp.\n");
+        return true;
+    }
+    return false;
+}
+
+// Moves the web console's backup file to where the reader looks, under the
+// file semaphore; the completion code.  The semaphore is given back on
+// return, before the caller adds any SEL entry.
+INT8U moveWebBackupIntoPlace() {
+    SysvSemaphoreLock lock;
+    if (lock.acquire(paths::kFileSemaphore) != 0) {
+        SVF_ERR("hslAcquireSysvSemaphore fail\n");
+        return SVF_CC_LOCK_FAIL;
+    }
+    char cmd[SVF_TMPSTR_SIZE];
+    if (!formatInto(cmd, "mv %s %s", paths::kBmcWebBackupFile, paths::kBmcBackupFile)) {
+        SVF_ERR("Command make fail.(%d)\n", errno);
+        return SVF_CC_NO_EVENT_OR_FAIL;
+    }
+    SVF_DEBUG("%s", cmd);
+    if (!runShell(cmd)) {
+        SVF_ERR("system cmd fail(%d)\n", errno);
+        return SVF_CC_NO_EVENT_OR_FAIL;
+    }
+    return SVF_CC_NORMAL;
+}
+
+// Validates and splits the moved backup file, records the pending restore,
+// has the KVM servers stopped and starts the kill-process countdown; the
+// completion code.
+INT8U deferRestore(const OEM_ExeRestoreEventReq_T& req) {
+    INT8U NumOfBlock = 0;
+    const int rc = svfExtractBraskBackupFile(req.FileType, req.Function, &NumOfBlock);
+    SVF_DEBUG("svfExtractBraskBackupFile = %ld\n", static_cast<long>(rc));
+    SVF_DEBUG("NumOfBlock = %d\n", NumOfBlock);
+    if (rc != 0) return completionCodeForExtraction(rc);
+
+    gRestoreType.FileType = req.FileType;
+    gRestoreType.Function = req.Function;
+    gRestoreType.NumOfBlock = NumOfBlock;
+
+    if (startKvmServersStop() < 0) return SVF_CC_NO_EVENT_OR_FAIL;
+    SVF_DEBUG("Set gKillProcessAfterFileChkTimer = 10");
+    gKillProcessAfterFileChkTimer = kKillProcessTicks;
+    return SVF_CC_NORMAL;
+}
 
 }  // namespace
 
@@ -50,7 +129,6 @@ INT8U completionCodeForExtraction(int result) {
 int svfOEMExeRestoreEvent(INT8U* pReq, INT8U ReqLen, INT8U* pRes, int BMCInst) {
     (void)BMCInst;
     using namespace brask::restore;
-    constexpr int kResLen = sizeof(OEM_ExeRestoreEventRes_T);
 
     SVF_DEBUG("START");
     reapKvmServersStop();  // children of earlier restores that have ended
@@ -71,17 +149,12 @@ int svfOEMExeRestoreEvent(INT8U* pReq, INT8U ReqLen, INT8U* pRes, int BMCInst) {
         return kResLen;
     }
 
-    const bool webConsole = req.Function == BMC_WEB_CONSOLE;
-    const unsigned slot = brask::slotIndex(brask::EventKind::Restore, req.Function, req.FileType);
-    const auto addSel = [slot](unsigned selClass) {
-        (void)hslAddSEL(SVF_SEL_ARG1, SVF_SEL_ARG2, brask::selEventCode(slot, selClass));
-    };
     if (gRebootAfterRestoreTimer != 0 || gKillProcessAfterFileChkTimer != 0) {
         SVF_ERR("gRebootAfterRestoreTimer != 0\n");
         pRes[0] = SVF_CC_NOT_IN_PRESENT_STATE;
-        if (webConsole) {
-            addSel(SEL_CLASS_GENERATED);
-            addSel(SEL_CLASS_FAIL);
+        if (req.Function == BMC_WEB_CONSOLE) {
+            addSel(req, SEL_CLASS_GENERATED);
+            addSel(req, SEL_CLASS_FAIL);
         }
         return kResLen;
     }
@@ -93,78 +166,22 @@ int svfOEMExeRestoreEvent(INT8U* pReq, INT8U ReqLen, INT8U* pRes, int BMCInst) {
         pRes[0] = SVF_CC_NO_EVENT_OR_FAIL;
         return kResLen;
     }
+    if (!webConsoleRequest(req.Function, pRes)) return kResLen;
 
-    switch (req.Function) {
-        case N_P_M:
-            SVF_DEBUG("Function == N_P_M");
-            SVF_DEBUG_NOEOL("Non Check");
-            return kResLen;
-        case SVP_CONSOL:
-            SVF_DEBUG("Function == SVP_CONSOL");
-            SVF_DEBUG_NOEOL("Non Check");
-            return kResLen;
-        case BMC_WEB_CONSOLE:
-            break;
-        default:
-            SVF_DEBUG("PARAM_OUT_OF_RANGE");
-            pRes[0] = SVF_CC_PARAM_OUT_OF_RANGE;
-            return kResLen;
-    }
-
-    SVF_DEBUG("Function == BMC_WEB_CONSOLE");
-    addSel(SEL_CLASS_GENERATED);
-    // From here on every refusal but the firmware-update one ends with the
-    // failure entry.
-    const auto fail = [&](INT8U completionCode) {
-        pRes[0] = completionCode;
-        addSel(SEL_CLASS_FAIL);
-        return kResLen;
-    };
-
+    addSel(req, SEL_CLASS_GENERATED);
+    INT8U completionCode = SVF_CC_NORMAL;
     if (event[0] == SVF_CC_NORMAL) {
         SVF_ERR("handle others\n");
-        return fail(SVF_CC_NOT_IN_PRESENT_STATE);
-    }
-    SVF_DEBUG("extern FwUpdateStateFlag = %x\n", FwUpdateStateFlag);
-    if (FwUpdateStateFlag >= 1 && FwUpdateStateFlag <= 8) {
-        SVF_ERR("BMC Busy. Running FwUp.\n");
+        completionCode = SVF_CC_NOT_IN_PRESENT_STATE;
+    } else if (firmwareUpdateRunning()) {
+        // The one refusal after the request's entry that adds no failure entry.
         pRes[0] = SVF_CC_NO_EVENT_OR_FAIL;
         return kResLen;
+    } else {
+        completionCode = moveWebBackupIntoPlace();
+        if (completionCode == SVF_CC_NORMAL) completionCode = deferRestore(req);
     }
-
-    {
-        brask::SysvSemaphoreLock lock;
-        if (lock.acquire(brask::paths::kFileSemaphore) != 0) {
-            SVF_ERR("hslAcquireSysvSemaphore fail\n");
-            return fail(SVF_CC_LOCK_FAIL);
-        }
-        char cmd[SVF_TMPSTR_SIZE];
-        if (!brask::formatInto(cmd, "mv %s %s", brask::paths::kBmcWebBackupFile,
-                               brask::paths::kBmcBackupFile)) {
-            SVF_ERR("Command make fail.(%d)\n", errno);
-            (void)lock.release();
-            return fail(SVF_CC_NO_EVENT_OR_FAIL);
-        }
-        SVF_DEBUG("%s", cmd);
-        if (!brask::runShell(cmd)) {
-            SVF_ERR("system cmd fail(%d)\n", errno);
-            (void)lock.release();  // nothing else runs while the semaphore is held
-            return fail(SVF_CC_NO_EVENT_OR_FAIL);
-        }
-    }
-
-    INT8U NumOfBlock = 0;
-    const int rc = svfExtractBraskBackupFile(req.FileType, req.Function, &NumOfBlock);
-    SVF_DEBUG("svfExtractBraskBackupFile = %ld\n", static_cast<long>(rc));
-    SVF_DEBUG("NumOfBlock = %d\n", NumOfBlock);
-    if (rc != 0) return fail(completionCodeForExtraction(rc));
-
-    gRestoreType.FileType = req.FileType;
-    gRestoreType.Function = req.Function;
-    gRestoreType.NumOfBlock = NumOfBlock;
-
-    if (startKvmServersStop() < 0) return fail(SVF_CC_NO_EVENT_OR_FAIL);
-    SVF_DEBUG("Set gKillProcessAfterFileChkTimer = 10");
-    gKillProcessAfterFileChkTimer = kKillProcessTicks;
+    pRes[0] = completionCode;
+    if (completionCode != SVF_CC_NORMAL) addSel(req, SEL_CLASS_FAIL);
     return kResLen;
 }
