@@ -53,7 +53,7 @@ bool tarBackupCopies() {
 bool shellCat() { return brask::bench::run({"/bin/sh", "-c", "cat /dev/null >> /dev/null"}); }
 
 void removeBackupCopies() {
-    for (const std::string& p : brask::bench::backupCopies()) std::remove(p.c_str());
+    for (const std::string& p : brask::bench::backupCopies()) (void)std::remove(p.c_str());
 }
 
 // The steady state the firmware sees: the catalogue unchanged since the last
@@ -207,7 +207,7 @@ int main(int argc, char** argv) {
             ->Iterations(5);
     }
     brask::bench::CollectingReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
+    (void)benchmark::RunSpecifiedBenchmarks(&reporter);
     report(reporter, scales);
 
     // Processes: change detection and one backup, both in the steady state.

@@ -82,23 +82,23 @@ Options parseOptions(int& argc, char** argv) {
 double minTime(const Options& options, double full) { return options.quick ? 0.05 : full; }
 
 Quiet::Quiet() {
-    std::fflush(stdout);
-    std::fflush(stderr);
+    (void)std::fflush(stdout);
+    (void)std::fflush(stderr);
     savedOut_ = ::dup(1);
     savedErr_ = ::dup(2);
     const int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-    ::dup2(null, 1);
-    ::dup2(null, 2);
-    ::close(null);
+    (void)::dup2(null, 1);
+    (void)::dup2(null, 2);
+    (void)::close(null);
 }
 
 Quiet::~Quiet() {
-    std::fflush(stdout);
-    std::fflush(stderr);
-    ::dup2(savedOut_, 1);
-    ::dup2(savedErr_, 2);
-    ::close(savedOut_);
-    ::close(savedErr_);
+    (void)std::fflush(stdout);
+    (void)std::fflush(stderr);
+    (void)::dup2(savedOut_, 1);
+    (void)::dup2(savedErr_, 2);
+    (void)::close(savedOut_);
+    (void)::close(savedErr_);
 }
 
 bool run(const std::vector<std::string>& args, const std::string& output) {
@@ -106,14 +106,14 @@ bool run(const std::vector<std::string>& args, const std::string& output) {
     for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
     posix_spawn_file_actions_t actions;
-    ::posix_spawn_file_actions_init(&actions);
+    (void)::posix_spawn_file_actions_init(&actions);
     if (!output.empty()) {
-        ::posix_spawn_file_actions_addopen(&actions, 1, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        ::posix_spawn_file_actions_adddup2(&actions, 1, 2);
+        (void)::posix_spawn_file_actions_addopen(&actions, 1, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        (void)::posix_spawn_file_actions_adddup2(&actions, 1, 2);
     }
     pid_t pid = 0;
     const int rc = ::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-    ::posix_spawn_file_actions_destroy(&actions);
+    (void)::posix_spawn_file_actions_destroy(&actions);
     if (rc != 0) return false;
     int status = 0;
     while (::waitpid(pid, &status, 0) < 0) {
@@ -168,7 +168,7 @@ long totalActiveBytes() {
 void freshConf(unsigned scale) {
     test::resetState();
     svfIniTimer();
-    test::populateConf({.optionalFiles = true, .backupCopies = false, .scale = scale});
+    (void)test::populateConf({.optionalFiles = true, .backupCopies = false, .scale = scale});
 }
 
 double quantile(std::vector<double> samples, double q) {
@@ -214,7 +214,7 @@ void tableRow(const std::vector<std::string>& cells) {
     for (const std::string& c : cells) line += " " + c + " |";
     line += "\n";
     std::fputs(line.c_str(), stdout);
-    std::fflush(stdout);
+    (void)std::fflush(stdout);
 }
 
 void markBegin() { (void)::access(kBeginMarker, F_OK); }
@@ -277,7 +277,7 @@ long peakRssKiB(const std::vector<std::string>& modeAndArgs) {
         const std::size_t at = line.find(key);
         if (at != std::string::npos) kib = std::stol(line.substr(at + key.size()));
     }
-    std::remove(out.c_str());
+    (void)std::remove(out.c_str());
     return kib;
 }
 

@@ -56,7 +56,7 @@ void sumFile(benchmark::State& state, const std::string& path, std::size_t size)
         INT32U sum = svfGetFileSum(fp, 0);
         benchmark::DoNotOptimize(sum);
     }
-    std::fclose(fp);
+    (void)std::fclose(fp);
     state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(size));
 }
 
@@ -115,7 +115,7 @@ int main(int argc, char** argv) {
     }
     benchmark::RegisterBenchmark("BM_svfGetFileSumTmpfs", BM_svfGetFileSumTmpfs)->MinTime(minTime);
     brask::bench::CollectingReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
+    (void)benchmark::RunSpecifiedBenchmarks(&reporter);
 
     // Real time per iteration is in nanoseconds (the default unit).
     auto nsPerByte = [&](const std::string& name, std::size_t size) {
@@ -138,8 +138,8 @@ int main(int argc, char** argv) {
     brask::bench::tableRow({"svfGetFileSum, the same file on tmpfs", sizeText(kLargest),
                             format("%.3f ns/B", tmpfs), format("%.3f ns/B", memLargest),
                             format("%.2f", tmpfs > 0 ? memLargest / tmpfs : 0), "—", "for comparison"});
-    for (const std::size_t size : sizes) std::remove(diskFile(size).c_str());
-    std::remove(kTmpfsFile);
+    for (const std::size_t size : sizes) (void)std::remove(diskFile(size).c_str());
+    (void)std::remove(kTmpfsFile);
     benchmark::Shutdown();
     return 0;
 }

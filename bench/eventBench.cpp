@@ -114,7 +114,7 @@ int main(int argc, char** argv) {
         ->MinTime(brask::bench::minTime(options, 2.0))
         ->Unit(benchmark::kMicrosecond);
     brask::bench::CollectingReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
+    (void)benchmark::RunSpecifiedBenchmarks(&reporter);
 
     const double median = reporter.counter("BM_getBackupRestoreEvent", "median_us");
     const double p99 = reporter.counter("BM_getBackupRestoreEvent", "p99_us");

@@ -132,7 +132,7 @@ int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     brask::bench::registerPerScale("BM_extractVsTar", BM_extractVsTar, scales, options);
     brask::bench::CollectingReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
+    (void)benchmark::RunSpecifiedBenchmarks(&reporter);
 
     for (const int scale : scales) {
         const std::string name = "BM_extractVsTar/" + std::to_string(scale);

@@ -85,12 +85,12 @@ void clearDirectoryAt(int dir, const std::string& path, dev_t dev) {
         ScopedFd listFd(::dup(dir));
         DIR* d = listFd ? ::fdopendir(listFd.get()) : nullptr;
         if (d == nullptr) return;
-        listFd.release();
+        (void)listFd.release();
         while (dirent* e = ::readdir(d)) {
             if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0)
                 names.emplace_back(e->d_name);
         }
-        ::closedir(d);
+        (void)::closedir(d);
     }
     for (const std::string& name : names) {
         const std::string child = path + "/" + name;
@@ -104,12 +104,12 @@ void clearDirectoryAt(int dir, const std::string& path, dev_t dev) {
             }
         }
         if (S_ISDIR(st.st_mode)) {
-            ::fchmodat(dir, name.c_str(), 0700, 0);
+            (void)::fchmodat(dir, name.c_str(), 0700, 0);
             ScopedFd sub(::openat(dir, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
             if (sub) clearDirectoryAt(sub.get(), child, dev);
-            ::unlinkat(dir, name.c_str(), AT_REMOVEDIR);
+            (void)::unlinkat(dir, name.c_str(), AT_REMOVEDIR);
         } else {
-            ::unlinkat(dir, name.c_str(), 0);
+            (void)::unlinkat(dir, name.c_str(), 0);
         }
     }
 }
@@ -135,13 +135,13 @@ void removeIpcObjects() {
     const int maxSem = ::semctl(0, 0, SEM_INFO, &semInfo);
     for (int i = 0; i <= maxSem; ++i) {
         const int id = ::semctl(i, 0, SEM_STAT, &semInfo);
-        if (id >= 0) ::semctl(id, 0, IPC_RMID);
+        if (id >= 0) (void)::semctl(id, 0, IPC_RMID);
     }
     shmid_ds shmInfo{};
     const int maxShm = ::shmctl(0, SHM_INFO, &shmInfo);
     for (int i = 0; i <= maxShm; ++i) {
         const int id = ::shmctl(i, SHM_STAT, &shmInfo);
-        if (id >= 0) ::shmctl(id, IPC_RMID, nullptr);
+        if (id >= 0) (void)::shmctl(id, IPC_RMID, nullptr);
     }
 }
 
@@ -194,7 +194,7 @@ volatile sig_atomic_t gCaughtSignal = 0;
 
 void forwardSignal(int sig) {
     gCaughtSignal = sig;
-    if (gSandboxPid > 0) ::kill(static_cast<pid_t>(gSandboxPid), SIGKILL);
+    if (gSandboxPid > 0) (void)::kill(static_cast<pid_t>(gSandboxPid), SIGKILL);
 }
 
 std::vector<std::string> bwrapArguments(const char* bwrap, const std::string& state,
@@ -227,7 +227,7 @@ std::vector<std::string> bwrapArguments(const char* bwrap, const std::string& st
                 if (!target.empty()) a.insert(a.end(), {"--symlink", target, path});
                 else a.insert(a.end(), {"--ro-bind-try", path, path});
             }
-            ::closedir(d);
+            (void)::closedir(d);
         }
     }
     a.insert(a.end(), {"--ro-bind", BRASK_SANDBOX_FILES "/init.d", "/etc/init.d",
@@ -287,8 +287,8 @@ void linkProcessEntries() {
     char target[48];
     char link[48];
     for (long pid = 1; pid <= pidMax; ++pid) {
-        std::snprintf(target, sizeof target, "/run/realproc/%ld", pid);
-        std::snprintf(link, sizeof link, "/proc/%ld", pid);
+        (void)std::snprintf(target, sizeof target, "/run/realproc/%ld", pid);
+        (void)std::snprintf(link, sizeof link, "/proc/%ld", pid);
         if (::symlink(target, link) != 0 && errno != EEXIST) die("linking /proc entries");
     }
     (void)::mount(nullptr, "/proc", nullptr,
@@ -349,10 +349,10 @@ void enterSandbox(int argc, char** argv, const Options& options) {
 
     struct sigaction forward{};
     forward.sa_handler = forwardSignal;
-    sigemptyset(&forward.sa_mask);
-    for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) ::sigaction(sig, &forward, nullptr);
+    (void)sigemptyset(&forward.sa_mask);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) (void)::sigaction(sig, &forward, nullptr);
 
-    std::fflush(nullptr);
+    (void)std::fflush(nullptr);
     pid_t pid = ::fork();
     if (pid < 0) die("fork");
     if (pid == 0) {
@@ -361,7 +361,7 @@ void enterSandbox(int argc, char** argv, const Options& options) {
         ::_exit(127);
     }
     gSandboxPid = pid;
-    if (gCaughtSignal != 0) ::kill(pid, SIGKILL);
+    if (gCaughtSignal != 0) (void)::kill(pid, SIGKILL);
     int status = 0;
     while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
@@ -373,8 +373,8 @@ void enterSandbox(int argc, char** argv, const Options& options) {
 
     if (gCaughtSignal != 0) {
         const int sig = gCaughtSignal;
-        std::signal(sig, SIG_DFL);
-        ::raise(sig);
+        (void)std::signal(sig, SIG_DFL);
+        (void)::raise(sig);
         std::exit(128 + sig);
     }
     if (WIFEXITED(status)) std::exit(WEXITSTATUS(status));
@@ -400,8 +400,8 @@ bool canChown() {
     int fd = ::mkstemp(path);
     if (fd < 0) return false;
     bool ok = ::fchown(fd, 12345, 12345) == 0;
-    ::close(fd);
-    ::unlink(path);
+    (void)::close(fd);
+    (void)::unlink(path);
     return ok;
 }
 
@@ -410,7 +410,7 @@ void setFwInfo(const std::string& content) {
     writeText(kFwInfoReal, content);
 }
 
-void removeFwInfo() { ::unlink(kFwInfoReal); }
+void removeFwInfo() { (void)::unlink(kFwInfoReal); }
 
 std::string commandLog() {
     std::ifstream in(kCommandLog, std::ios::binary);

@@ -165,7 +165,7 @@ int svfExtractBraskBackupFile(INT8U FwTyep, INT8U RestoreMode, INT8U* NumOfBlock
     }
     *NumOfBlock = static_cast<INT8U>(split);
     mapping.reset();
-    fp.close();
+    (void)fp.close();
     SVF_DEBUG("Separated Blocks OK, #%d\n", static_cast<int>(split));
     return 0;
 }
@@ -200,7 +200,7 @@ int svfExtractBraskArchiveblock(INT8U FwTyep, INT8U NumOfBlock) {
         if ((lanCheckMaintenanceMode() & 0xFF) == 0) {
             ScopedFile probe(paths::kBackInterfacesFile, "r");
             if (probe) {
-                probe.close();
+                (void)probe.close();
                 if (std::rename(paths::kBackInterfacesFile, paths::kInterfacesFile) != 0) {
                     SVF_ERR("svfExtractBraskArchive rename failed\n");
                 }

@@ -71,7 +71,7 @@ bool appendBlocks(const char* backupFile, unsigned numOfBlock, std::size_t heade
         table[i].BlockSize = svfGetFileSize(block.get());
         if (table[i].BlockSize < 0) return false;
         offset += static_cast<std::uint64_t>(table[i].BlockSize);
-        block.close();
+        (void)block.close();
         // BlockOffset is 32 bits wide.
         if (offset > UINT32_MAX) {
             SVF_ERR("backup file too large\n");

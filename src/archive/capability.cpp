@@ -23,7 +23,7 @@ int svfReadBMCCapability(INI_BMC_CAPABILITY_T* pReadCapability) {
         SVF_DEBUG("svfReadBMCCapability fread fail");
         return -1;
     }
-    fp.close();
+    (void)fp.close();
     SVF_DEBUG("svfReadBMCCapability fread OK");
     return 0;
 }

@@ -62,7 +62,7 @@ RowOutcome compareSpecial(const BackupFileList_T& row, unsigned i, ScopedFile Ac
         RetVal = svfChkBIOSConfFileDiff(ActFp.get(), BakFp.get());
         SVF_DEBUG("RetVal = %d\n", RetVal);
     } else if (std::strcmp(row.FilePass, brask::paths::kBmcUserInfoFile) == 0) {
-        ActFp.close();  // the comparer reads the active file by its path
+        (void)ActFp.close();  // the comparer reads the active file by its path
         SVF_DEBUG("i = %d\n", static_cast<int>(i));
         SVF_DEBUG("CALL svfChkBmcUserInfoDiff");
         RetVal = svfChkBmcUserInfoDiff(BakFp.get());
@@ -75,8 +75,8 @@ RowOutcome compareSpecial(const BackupFileList_T& row, unsigned i, ScopedFile Ac
         RetVal = svfBackupFRU();
         brask::diag::message(7, kUnit, __LINE__, kFunc, "RetVal = %d\n", RetVal);
     }
-    ActFp.close();
-    BakFp.close();
+    (void)ActFp.close();
+    (void)BakFp.close();
 
     if (RetVal < 0) return RowOutcome::Error;
     if (RetVal == 0) return RowOutcome::Unchanged;
@@ -98,8 +98,8 @@ RowOutcome compareWhole(const BackupFileList_T& row, ScopedFile ActFp, ScopedFil
     if (ActSize < 0 || BakSize < 0) return RowOutcome::Error;
     if (ActSize != BakSize) {
         SVF_DEBUG("Size Diff");
-        ActFp.close();
-        BakFp.close();
+        (void)ActFp.close();
+        (void)BakFp.close();
         const RowOutcome copied = copyOver(row, BackupFilePass);
         if (copied == RowOutcome::Changed) SVF_DEBUG("Set DiffFlag = 1");
         return copied;
@@ -124,8 +124,8 @@ RowOutcome compareWhole(const BackupFileList_T& row, ScopedFile ActFp, ScopedFil
         }
         differ = std::memcmp(act.data(), bak.data(), size) != 0;
     }
-    ActFp.close();
-    BakFp.close();
+    (void)ActFp.close();
+    (void)BakFp.close();
     if (!differ) return RowOutcome::Unchanged;
     const RowOutcome copied = copyOver(row, BackupFilePass);
     if (copied == RowOutcome::Changed) SVF_DEBUG("Set DiffFlag = 1");
@@ -150,11 +150,11 @@ RowOutcome handleRow(const BackupFileList_T& row, unsigned i, ScopedFile BakFp, 
         }
         if (!BakFp) return RowOutcome::Unchanged;
         SVF_DEBUG("ActFp == NULL, DYNAMIC, BakFp != NULL");
-        BakFp.close();
+        (void)BakFp.close();
         return removeBackupCopy(BackupFilePass);
     }
     if (!BakFp) {
-        ActFp.close();
+        (void)ActFp.close();
         return copyOver(row, BackupFilePass);
     }
     if (isSpecial(row.FilePass)) {
@@ -191,7 +191,7 @@ int svfChkBackupFileDiff(INT8U FileType) {
     for (INT8U i = 0; i < NumOfFiles; ++i) {
         const BackupFileList_T& row = catalogue.rows[i];
         char BackupFilePass[SVF_FILE_PASS_SIZE] = {};
-        svfGetBackupFilePass(const_cast<char*>(row.FilePass), BackupFilePass);
+        (void)svfGetBackupFilePass(const_cast<char*>(row.FilePass), BackupFilePass);
 
         errno = 0;
         ScopedFile BakFp(BackupFilePass, "rb+");

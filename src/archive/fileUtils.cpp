@@ -50,7 +50,7 @@ bool mappedSum(int fd, std::uint64_t length, std::uint32_t& sum) {
         void* p = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_POPULATE, fd, static_cast<off_t>(at));
         if (p == MAP_FAILED) return false;
         s = brask::format::wordSum(brask::format::Bytes(static_cast<const std::uint8_t*>(p), size), s);
-        ::munmap(p, size);
+        (void)::munmap(p, size);
     }
     sum = s;
     return true;

@@ -105,7 +105,7 @@ int svfGetBmcRev(FwRev_T* pBmcRev) {
         major = 0;
         minor = 0;
     }
-    fp.close();
+    (void)fp.close();
     pBmcRev->Major = static_cast<INT8U>(major);
     pBmcRev->Minor = static_cast<INT8U>(minor);
     SVF_DEBUG("BmcRev.Major = %x\n", pBmcRev->Major);
@@ -124,7 +124,7 @@ int svfGetEfiRev(INT8U FwTyep, FwRev_T* pEfiRev) {
     } else {
         BiosConfigHeader_T header{};
         const bool complete = std::fread(&header, sizeof header, 1, fp.get()) == 1;
-        fp.close();
+        (void)fp.close();
         const bool known = complete && header.FormatRev != 0;
         pEfiRev->Major = known ? header.RevMajor : 0;
         pEfiRev->Minor = known ? header.RevMinor : 0;

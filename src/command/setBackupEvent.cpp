@@ -96,7 +96,7 @@ int svfOEMSetBackupEvent(INT8U* pReq, INT8U ReqLen, INT8U* pRes, int BMCInst) {
     SVF_DEBUG("pSetBackupEventReq->Function = %x\n", req.Function);
 
     INT8U event[sizeof(OEM_GetBackupRestoreEventRes_T)] = {};
-    svfGetBackupRestoreEvent(nullptr, 0, event);
+    (void)svfGetBackupRestoreEvent(nullptr, 0, event);
     if (event[0] != SVF_CC_NORMAL && event[0] != SVF_CC_NO_EVENT_OR_FAIL) {
         SVF_ERR4("efiGetBackupRestoreEvent fail\n");
         res->CompletionCode = SVF_CC_NO_EVENT_OR_FAIL;

@@ -27,7 +27,7 @@ __attribute__((format(printf, 4, 0))) void emit(int fd, FILE* stream, const char
     if (n > 0) len += static_cast<size_t>(n);
     if (len >= sizeof line - 1) len = sizeof line - 2;  // keep room for the line feed
     if (eol == Eol::AddIfMissing && (len == 0 || line[len - 1] != '\n')) line[len++] = '\n';
-    std::fflush(stream);
+    (void)std::fflush(stream);
     size_t off = 0;
     while (off < len) {
         ssize_t w = ::write(fd, line + off, len - off);
@@ -41,7 +41,7 @@ __attribute__((format(printf, 4, 0))) void emit(int fd, FILE* stream, const char
 __attribute__((format(printf, 6, 0))) void emitTagged(int fd, FILE* stream, const char* tag, const char* unit, int line,
                 const char* fmt, va_list ap, Eol eol) {
     char head[160];
-    std::snprintf(head, sizeof head, "%s%s(%d) : ", tag, unit, line);
+    (void)std::snprintf(head, sizeof head, "%s%s(%d) : ", tag, unit, line);
     emit(fd, stream, head, fmt, ap, eol);
 }
 
@@ -80,7 +80,7 @@ void error4(const char* unit, int line, const char* fmt, ...) {
 
 void message(int level, const char* unit, int line, const char* func, const char* fmt, ...) {
     char head[256];
-    std::snprintf(head, sizeof head, "BRASK_MSG[%1d] : %s(%d) : %s() : ", level, unit, line, func);
+    (void)std::snprintf(head, sizeof head, "BRASK_MSG[%1d] : %s(%d) : %s() : ", level, unit, line, func);
     va_list ap;
     va_start(ap, fmt);
     emit(STDOUT_FILENO, stdout, head, fmt, ap, Eol::AddIfMissing);

@@ -39,7 +39,7 @@ public:
         return std::fclose(std::exchange(fp_, nullptr));
     }
     void reset(FILE* fp = nullptr) {
-        if (fp_ != nullptr) std::fclose(fp_);
+        if (fp_ != nullptr) (void)std::fclose(fp_);
         fp_ = fp;
     }
     FILE* release() { return std::exchange(fp_, nullptr); }
@@ -68,7 +68,7 @@ public:
     int get() const { return fd_; }
     explicit operator bool() const { return fd_ >= 0; }
     void reset(int fd = -1) {
-        if (fd_ >= 0) ::close(fd_);
+        if (fd_ >= 0) (void)::close(fd_);
         fd_ = fd;
     }
     int release() { return std::exchange(fd_, -1); }
@@ -120,7 +120,7 @@ public:
     unsigned char* mutableData() const { return static_cast<unsigned char*>(addr_); }
     size_t size() const { return length_; }
     void reset() {
-        if (addr_ != nullptr) ::munmap(addr_, length_);
+        if (addr_ != nullptr) (void)::munmap(addr_, length_);
         addr_ = nullptr;
         length_ = 0;
         failed_ = false;

@@ -33,7 +33,7 @@ void Bmc::loadTimers() {
 }
 
 void Bmc::saveTimers() const {
-    ::mkdir(kStateDir, 0755);
+    (void)::mkdir(kStateDir, 0755);
     std::ofstream out(kTimersFile, std::ios::trunc);
     const svfRestoreType_T& r = *lib_.restoreType;
     out << unsigned{*lib_.killProcessTimer} << ' ' << unsigned{*lib_.rebootTimer} << ' '
@@ -53,7 +53,7 @@ EventAnswer Bmc::event() {
 std::uint8_t Bmc::setBackupEvent(std::uint8_t fileType, std::uint8_t function) {
     OEM_SetBackupEventReq_T req{fileType, function, 0, {0, 0, 0}};
     INT8U res[1] = {0xFF};
-    lib_.setBackupEvent(reinterpret_cast<INT8U*>(&req), sizeof req, res, 0);
+    (void)lib_.setBackupEvent(reinterpret_cast<INT8U*>(&req), sizeof req, res, 0);
     console().sync();
     return res[0];
 }
@@ -61,7 +61,7 @@ std::uint8_t Bmc::setBackupEvent(std::uint8_t fileType, std::uint8_t function) {
 std::uint8_t Bmc::exeRestoreEvent(std::uint8_t fileType, std::uint8_t function) {
     OEM_ExeRestoreEventReq_T req{fileType, function, 0, {0, 0, 0}};
     INT8U res[1] = {0xFF};
-    lib_.exeRestoreEvent(reinterpret_cast<INT8U*>(&req), sizeof req, res, 0);
+    (void)lib_.exeRestoreEvent(reinterpret_cast<INT8U*>(&req), sizeof req, res, 0);
     console().sync();
     return res[0];
 }
@@ -97,9 +97,9 @@ bool Bmc::withStatusArea(std::string& error, Use use) {
     }
     use(*area);
     // Given back as the library's own holders do: unmap, release, destroy.
-    hslFreeSemiVolatileArea(&mng);
-    hslReleaseMutex(mutex);
-    hslDestroyMutex(mutex);
+    (void)hslFreeSemiVolatileArea(&mng);
+    (void)hslReleaseMutex(mutex);
+    (void)hslDestroyMutex(mutex);
     console().sync();
     return true;
 }

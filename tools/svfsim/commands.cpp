@@ -85,7 +85,7 @@ std::string timeText(std::uint32_t t) {
     std::tm tm{};
     ::gmtime_r(&tt, &tm);
     char buf[32];
-    std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &tm);
+    (void)std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &tm);
     return buf;
 }
 
@@ -190,7 +190,7 @@ int runInit(Bmc& bmc, const InitOptions& o) {
     if (!bmc.initFruLogFile()) return fail("the FRU backup file could not be made");
     writeEepromImage();
     sb::setFwInfo(o.fwInfo + "\n");
-    ::mkdir(kStateDir, 0755);
+    (void)::mkdir(kStateDir, 0755);
     sb::writeFile(kInitializedMark, "");
     bmc.saveTimers();
     say("init: %zu catalogued files written under /conf (of %d catalogue rows), plus %s",
@@ -247,7 +247,7 @@ int runBackup(Bmc& bmc, std::uint8_t function, std::uint8_t fileType) {
     const FileStamp after = stamp(paths::kBmcWebBackupFile);
     if (after.exists && !(after == before)) {
         say("  backup file: %s, %ld bytes%s", paths::kBmcWebBackupFile, after.size, onHost(paths::kBmcWebBackupFile).c_str());
-        ::mkdir(kStateDir, 0755);
+        (void)::mkdir(kStateDir, 0755);
         if (!copyFile(paths::kBmcWebBackupFile, kLastWebBackup)) return fail("cannot keep a copy of the backup");
     } else {
         say("  no backup file written by this request");
@@ -296,7 +296,7 @@ int runRestore(Bmc& bmc, const std::string& file, std::uint8_t function, bool ti
         return 0;
     }
     bool rebooted = false;
-    tickUntilReboot(bmc, added, rebooted);
+    (void)tickUntilReboot(bmc, added, rebooted);
     const unsigned slot = brask::slotIndex(brask::EventKind::Restore, function, BMC_FILE);
     if (hasSel(added, brask::selEventCode(slot, SEL_CLASS_FAIL))) return fail("the deferred restore failed");
     if (!rebooted) return fail("no reboot was requested within " + std::to_string(kMaxRestoreTicks) + " ticks");

@@ -24,7 +24,7 @@ std::FILE* duplicate(int fd) {
     if (copy < 0) return nullptr;
     std::FILE* fp = ::fdopen(copy, "w");
     if (fp == nullptr) {
-        ::close(copy);
+        (void)::close(copy);
         return nullptr;
     }
     std::setvbuf(fp, nullptr, _IOLBF, 0);
@@ -45,20 +45,20 @@ Console& console() {
 }
 
 bool Console::begin(bool verbose, std::string& error) {
-    ::mkdir("/var/log", 0755);
+    (void)::mkdir("/var/log", 0755);
     const int log = ::open(kLogFile, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     if (log < 0) {
         error = std::string("cannot open ") + kLogFile + ": " + std::strerror(errno);
         return false;
     }
-    std::fflush(nullptr);
+    (void)std::fflush(nullptr);
     out_ = duplicate(1);
     err_ = duplicate(2);
     savedOut_ = out_ != nullptr ? ::fileno(out_) : -1;
     savedErr_ = err_ != nullptr ? ::fileno(err_) : -1;
-    ::dup2(log, 1);
-    ::dup2(log, 2);
-    ::close(log);
+    (void)::dup2(log, 1);
+    (void)::dup2(log, 2);
+    (void)::close(log);
     verbose_ = verbose;
     startOffset_ = shownOffset_ = fileSize(kLogFile);
     if (verbose_) {
@@ -74,13 +74,13 @@ bool Console::begin(bool verbose, std::string& error) {
 
 void Console::reopen() {
     if (out_ == nullptr) return;
-    ::mkdir("/var/log", 0755);
+    (void)::mkdir("/var/log", 0755);
     const int log = ::open(kLogFile, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     if (log < 0) return;
     const std::lock_guard<std::mutex> lock(showing_);
-    ::dup2(log, 1);
-    ::dup2(log, 2);
-    ::close(log);
+    (void)::dup2(log, 1);
+    (void)::dup2(log, 2);
+    (void)::close(log);
     startOffset_ = shownOffset_ = fileSize(kLogFile);
 }
 
@@ -91,8 +91,8 @@ void Console::sync() {
     // Whole lines only; a line still being written waits for the next call.
     const std::size_t end = added.rfind('\n');
     if (end == std::string::npos) return;
-    std::fwrite(added.data(), 1, end + 1, err_);
-    std::fflush(err_);
+    (void)std::fwrite(added.data(), 1, end + 1, err_);
+    (void)std::fflush(err_);
     shownOffset_ += static_cast<long>(end + 1);
 }
 
@@ -101,11 +101,11 @@ void Console::end() {
     stop_ = true;
     if (follower_.joinable()) follower_.join();
     sync();
-    std::fflush(nullptr);
+    (void)std::fflush(nullptr);
     if (savedOut_ >= 0) ::dup2(savedOut_, 1);
     if (savedErr_ >= 0) ::dup2(savedErr_, 2);
-    if (out_ != nullptr) std::fclose(out_);
-    if (err_ != nullptr) std::fclose(err_);
+    if (out_ != nullptr) (void)std::fclose(out_);
+    if (err_ != nullptr) (void)std::fclose(err_);
     out_ = err_ = nullptr;
 }
 
@@ -136,7 +136,7 @@ void say(const char* format, ...) {
 
 int fail(const std::string& reason) {
     Console& c = console();
-    std::fflush(c.out());
+    (void)std::fflush(c.out());
     std::fprintf(c.err(), "svfsim: %s\n", reason.c_str());
     const std::string line = c.lastErrorLine();
     // The host's path to the log when the state directory outlives this run.

@@ -92,7 +92,7 @@ int runDemo(Bmc& bmc) {
     }
 
     heading("SEL");
-    runSel(bmc, false);
+    (void)runSel(bmc, false);
     heading("reboot request");
     unsigned reboots = 0;
     for (const std::string& line : bmc.commandLogLines()) reboots += line.starts_with("reboot") ? 1u : 0u;

@@ -44,9 +44,9 @@ int enterSandbox(int argc, char** argv, bool temporary, const std::string& root,
         }
         if (!existed) std::fprintf(stderr, "svfsim: state directory %s created\n", real.c_str());
         options.stateDir = real;
-        ::setenv("BRASK_SVFSIM_HOST_ROOT", real.c_str(), 1);
+        (void)::setenv("BRASK_SVFSIM_HOST_ROOT", real.c_str(), 1);
     } else {
-        ::unsetenv("BRASK_SVFSIM_HOST_ROOT");
+        (void)::unsetenv("BRASK_SVFSIM_HOST_ROOT");
     }
     if (!restoreFile.empty()) {
         // Visible inside at the same absolute path, read-only.

@@ -68,7 +68,7 @@ std::optional<unsigned> number(std::string_view text, unsigned max) {
 
 std::string hex2(unsigned value) {
     char buf[8];
-    std::snprintf(buf, sizeof buf, "0x%02X", value & 0xFFu);
+    (void)std::snprintf(buf, sizeof buf, "0x%02X", value & 0xFFu);
     return buf;
 }
 

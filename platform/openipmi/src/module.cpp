@@ -62,7 +62,7 @@ __attribute__((visibility("default"))) int ipmi_sim_module_init(sys_data_t* sys,
     // A sanitizer build loads into ipmi_sim behind the runtimes named in
     // LD_PRELOAD; the programs the library starts (cp, dd, the init scripts)
     // must not inherit them.
-    if (kSanitizerBuild) ::unsetenv("LD_PRELOAD");
+    if (kSanitizerBuild) (void)::unsetenv("LD_PRELOAD");
     // The platform's state files (semi-volatile area, EEPROM, locks) live here.
     if (::mkdir(HOST_STATE_DIR, 0755) != 0 && errno != EEXIST) {
         sys->log(sys, SETUP_ERROR, nullptr, "%s: cannot make %s", kModuleName, HOST_STATE_DIR);

@@ -37,7 +37,7 @@ int main(int argc, char** argv) {
     }
     // With backup copies, as on a BMC backed up before: a backup then reads
     // the FRU afresh.
-    if (populate) brask::sandbox::populateConf(BmcBackupFileList, {.backupCopies = true});
+    if (populate) (void)brask::sandbox::populateConf(BmcBackupFileList, {.backupCopies = true});
     ::execvp(argv[first], argv + first);
     std::fprintf(stderr, "%s: cannot run %s: %s\n", argv[0], argv[first], std::strerror(errno));
     return 127;
