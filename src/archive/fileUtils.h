@@ -1,4 +1,4 @@
-// Internal helpers of the file utilities.
+// Tuning of the additive checksum, shared with its tests.
 #pragma once
 
 #include <cstddef>

@@ -1,6 +1,7 @@
 // Per-process state of the host platform's test controls: call counters, fault
 // injection, the IPMI responder's knobs and the hook counters.  Everything is
-// reached through lockControls() so that threads of one process see one state.
+// reached through a ControlsGuard, which holds the controls' lock, so that
+// threads of one process see one state.
 #pragma once
 
 #include <pthread.h>
