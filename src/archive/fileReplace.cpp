@@ -6,8 +6,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
+
+#include "common/shellCommand.h"
 
 namespace brask::replace {
 namespace {
@@ -53,10 +54,7 @@ bool copyAll(int from, int to, Failure& what) {
 // A fresh temporary for `target`, opened for writing.
 ScopedFd createTemp(const char* target) {
     char temp[PATH_MAX];
-    if (!tempPathFor(target, temp)) {
-        errno = ENAMETOOLONG;
-        return ScopedFd();
-    }
+    if (!tempPathFor(target, temp)) return ScopedFd();
     constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
     ScopedFd fd(::open(temp, kFlags, 0600));
     if (!fd && errno == EEXIST) {  // left by a restore that was killed
@@ -93,8 +91,7 @@ bool tempPathFor(const char* target, char (&out)[PATH_MAX]) {
     const char* slash = std::strrchr(target, '/');
     const int dirLength = slash == nullptr ? 0 : static_cast<int>(slash - target + 1);
     const char* name = target + dirLength;
-    const int n = std::snprintf(out, sizeof out, "%.*s.%s%s", dirLength, target, name, kTempSuffix);
-    return n > 0 && static_cast<std::size_t>(n) < sizeof out;
+    return formatInto(out, "%.*s.%s%s", dirLength, target, name, kTempSuffix);
 }
 
 void discard(const char* target) {
@@ -182,10 +179,7 @@ Outcome stageParts(const char* target, format::Bytes data, std::span<const PartO
 
 Outcome publish(const char* target) {
     char temp[PATH_MAX];
-    if (!tempPathFor(target, temp)) {
-        errno = ENAMETOOLONG;
-        return failed(Failure::Publish);
-    }
+    if (!tempPathFor(target, temp)) return failed(Failure::Publish);
     if (::rename(temp, target) != 0) {
         const Outcome out = failed(Failure::Publish);
         (void)::unlink(temp);

@@ -41,7 +41,8 @@ struct Outcome {
     bool ok() const { return failure == Failure::None; }
 };
 
-// The temporary for `target`; false when it would not fit `out`.
+// The temporary for `target`; false, with errno set, when it would not fit
+// `out`.
 bool tempPathFor(const char* target, char (&out)[PATH_MAX]);
 // Removes the temporary of `target` if one is there (a leftover, or one this
 // restore staged and will not publish).
