@@ -22,18 +22,6 @@ svfRestoreType_T gRestoreType = {};
 namespace brask::restore {
 namespace {
 
-struct ExtractionCode {
-    int result;
-    INT8U completionCode;
-};
-constexpr ExtractionCode kExtractionCodes[] = {
-    {SVF_EXTRACT_CHECKSUM_MISMATCH, SVF_CC_CHECKSUM_ERROR},
-    {SVF_EXTRACT_IDENTITY_MISMATCH, SVF_CC_IDENTITY_MISMATCH},
-    {SVF_EXTRACT_UNKNOWN_DATA_REV, SVF_CC_UNKNOWN_DATA_REV},
-    {SVF_EXTRACT_FW_TYPE_MISMATCH, SVF_CC_FW_TYPE_MISMATCH},
-    {SVF_EXTRACT_UNKNOWN_FORMAT, SVF_CC_UNKNOWN_FORMAT},
-};
-
 constexpr INT8U kKillProcessTicks = 10;
 constexpr int kResLen = sizeof(OEM_ExeRestoreEventRes_T);
 
@@ -116,14 +104,6 @@ INT8U deferRestore(const OEM_ExeRestoreEventReq_T& req) {
 }
 
 }  // namespace
-
-INT8U completionCodeForExtraction(int result) {
-    for (const ExtractionCode& c : kExtractionCodes) {
-        if (c.result == result) return c.completionCode;
-    }
-    return SVF_CC_NO_EVENT_OR_FAIL;
-}
-
 }  // namespace brask::restore
 
 int svfOEMExeRestoreEvent(INT8U* pReq, INT8U ReqLen, INT8U* pRes, int BMCInst) {

@@ -9,6 +9,7 @@
 
 #include "BraskSvf/svfApi.h"
 #include "archive/catalogue.h"
+#include "command/exeRestoreEvent.h"
 #include "common/paths.h"
 
 namespace preview {
@@ -36,18 +37,6 @@ plan::LiveFile fileOf(const struct stat& st) {
 }
 
 std::string text(std::string_view s) { return std::string(s.data(), s.size()); }
-
-// Execute Restore Event's answer to a refused file.
-std::uint8_t refusalCode(int result) {
-    switch (result) {
-        case -4: return SVF_CC_CHECKSUM_ERROR;
-        case -6: return SVF_CC_IDENTITY_MISMATCH;
-        case -7: return SVF_CC_UNKNOWN_DATA_REV;
-        case -8: return SVF_CC_FW_TYPE_MISMATCH;
-        case -9: return SVF_CC_UNKNOWN_FORMAT;
-        default: return SVF_CC_NO_EVENT_OR_FAIL;
-    }
-}
 
 class BlockPreview {
 public:
@@ -247,21 +236,22 @@ void PreviewTree::set(const std::string& path, std::optional<std::vector<std::ui
 Preview previewBackup(format::Bytes file, const Request& request, PreviewTree& tree) {
     Preview p;
     const auto refuse = [&p](int result, std::string reason) {
-        p.verdict = {false, result, refusalCode(result), std::move(reason)};
+        // Execute Restore Event's answer to a refused file.
+        p.verdict = {false, result, brask::restore::completionCodeForExtraction(result), std::move(reason)};
         return p;
     };
-    if (request.fwType > BMC_FILE) return refuse(-1, "Parameter Out Of Range");
+    if (request.fwType > BMC_FILE) return refuse(SVF_EXTRACT_FAIL, "Parameter Out Of Range");
     svfBraskBackupFileHeader_T header{};
     if (format::decodeBackupHeader(file, header) != format::Status::Ok) {
-        return refuse(-2, "fread fail: shorter than the 96-byte header");
+        return refuse(SVF_EXTRACT_NO_FILE, "fread fail: shorter than the 96-byte header");
     }
     const std::size_t headerArea = format::backupHeaderAreaSize(header.NumOfBlock);
     switch (format::judgeBackupHeader(header, format::limitedSum(file, static_cast<std::uint32_t>(headerArea)),
                                       request.fwType, request.restoreMode)) {
-        case format::HeaderVerdict::Checksum: return refuse(-4, "ChkSum not Match");
-        case format::HeaderVerdict::UnknownFormat: return refuse(-9, "Unknown File Format");
-        case format::HeaderVerdict::FwTypeMismatch: return refuse(-8, "FwTyep not Match");
-        case format::HeaderVerdict::UnknownDataRev: return refuse(-7, "Unknown Data Rev");
+        case format::HeaderVerdict::Checksum: return refuse(SVF_EXTRACT_CHECKSUM_MISMATCH, "ChkSum not Match");
+        case format::HeaderVerdict::UnknownFormat: return refuse(SVF_EXTRACT_UNKNOWN_FORMAT, "Unknown File Format");
+        case format::HeaderVerdict::FwTypeMismatch: return refuse(SVF_EXTRACT_FW_TYPE_MISMATCH, "FwTyep not Match");
+        case format::HeaderVerdict::UnknownDataRev: return refuse(SVF_EXTRACT_UNKNOWN_DATA_REV, "Unknown Data Rev");
         case format::HeaderVerdict::Ok: break;
     }
     if (format::checksIdentity(request.restoreMode)) {
@@ -269,8 +259,10 @@ Preview previewBackup(format::Bytes file, const Request& request, PreviewTree& t
             p.notes.push_back("the model and serial number were not compared with the server's");
         } else {
             switch (format::compareIdentity(*request.identity, header)) {
-                case format::IdentityVerdict::ModelMismatch: return refuse(-6, "ModelNumber Mismatch");
-                case format::IdentityVerdict::SerialMismatch: return refuse(-6, "SerialNumber Mismatch");
+                case format::IdentityVerdict::ModelMismatch:
+                    return refuse(SVF_EXTRACT_IDENTITY_MISMATCH, "ModelNumber Mismatch");
+                case format::IdentityVerdict::SerialMismatch:
+                    return refuse(SVF_EXTRACT_IDENTITY_MISMATCH, "SerialNumber Mismatch");
                 case format::IdentityVerdict::Ok: break;
             }
         }
@@ -281,13 +273,17 @@ Preview previewBackup(format::Bytes file, const Request& request, PreviewTree& t
     for (unsigned i = 0; i < format::blocksRestored(header, request.restoreMode); ++i) {
         svfBraskBackupFileBlockInfo_T info{};
         if (format::decodeBlockInfo(file, i, info) != format::Status::Ok) {
-            return refuse(-2, "fread fail: block table of block " + std::to_string(i) + " incomplete");
+            return refuse(SVF_EXTRACT_NO_FILE,
+                          "fread fail: block table of block " + std::to_string(i) + " incomplete");
         }
         format::Bytes bytes;
         if (const format::Status st = format::blockBytes(file, info, bytes); st != format::Status::Ok) {
-            return refuse(-1, "Block#" + std::to_string(i) + " descriptor rejected : " + format::statusText(st));
+            return refuse(SVF_EXTRACT_FAIL,
+                          "Block#" + std::to_string(i) + " descriptor rejected : " + format::statusText(st));
         }
-        if (format::wordSum(bytes) != 0) return refuse(-4, "ChkSum UnMatch (block " + std::to_string(i) + ")");
+        if (format::wordSum(bytes) != 0) {
+            return refuse(SVF_EXTRACT_CHECKSUM_MISMATCH, "ChkSum UnMatch (block " + std::to_string(i) + ")");
+        }
         blocks.push_back(bytes);
     }
     p.verdict = {true, 0, SVF_CC_NORMAL, "accepted"};

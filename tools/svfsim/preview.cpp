@@ -8,6 +8,7 @@
 
 #include "BraskSvf/svfPlatform.h"
 #include "bmc.h"
+#include "command/exeRestoreEvent.h"
 #include "commands.h"
 #include "console.h"
 #include "previewRender.h"
@@ -24,7 +25,8 @@ int runPreview(Bmc& bmc, const std::string& file, bool json) {
     preview::Preview p;
     svfBraskBackupFileHeader_T own{};
     if (!bmc.identity(own)) {
-        p.verdict = {false, -1, SVF_CC_NO_EVENT_OR_FAIL, "svfGetProductIdFru fail: the FRU cannot be read"};
+        p.verdict = {false, SVF_EXTRACT_FAIL, brask::restore::completionCodeForExtraction(SVF_EXTRACT_FAIL),
+                     "svfGetProductIdFru fail: the FRU cannot be read"};
     } else {
         request.identity = own;
         preview::PreviewTree tree("", (lanCheckMaintenanceMode() & 0xFF) != 0);
