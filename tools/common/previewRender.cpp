@@ -12,7 +12,7 @@ using Json = nlohmann::ordered_json;
 
 std::string octal(std::uint32_t mode) {
     char s[8];
-    std::snprintf(s, sizeof s, "%04o", mode & 07777u);
+    (void)std::snprintf(s, sizeof s, "%04o", mode & 07777u);
     return s;
 }
 
@@ -42,7 +42,7 @@ std::map<std::string, unsigned> counts(const Preview& p) {
 
 std::string verdictText(const Verdict& v) {
     char cc[8];
-    std::snprintf(cc, sizeof cc, "0x%02x", v.completionCode);
+    (void)std::snprintf(cc, sizeof cc, "0x%02x", v.completionCode);
     if (v.accepted) return std::string("accepted (Execute Restore Event answers ") + cc + ")";
     return "refused: " + v.reason + " (result " + std::to_string(v.result) + ", Execute Restore Event answers " +
            cc + "); nothing would change";
@@ -66,7 +66,7 @@ void renderText(std::ostream& out, const std::string& what, const Preview& p) {
             out << "  block " << block << ":\n";
         }
         char head[80];
-        std::snprintf(head, sizeof head, "    %-7s %-52s", l.action.c_str(),
+        (void)std::snprintf(head, sizeof head, "    %-7s %-52s", l.action.c_str(),
                       tools::escaped(l.path.empty() ? "(block)" : l.path).c_str());
         out << head;
         if (l.action != "skip" && l.action != "fail" && l.action != "refused") out << ' ' << change(l);

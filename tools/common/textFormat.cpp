@@ -36,7 +36,7 @@ std::string escaped(std::string_view bytes) {
             out += ch;
         } else {
             char e[5];
-            std::snprintf(e, sizeof e, "\\x%02x", c);
+            (void)std::snprintf(e, sizeof e, "\\x%02x", c);
             out += e;
         }
     }

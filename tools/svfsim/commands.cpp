@@ -83,7 +83,7 @@ bool copyFile(const std::string& from, const std::string& to) {
 std::string timeText(std::uint32_t t) {
     const auto tt = static_cast<std::time_t>(t);
     std::tm tm{};
-    ::gmtime_r(&tt, &tm);
+    (void)::gmtime_r(&tt, &tm);
     char buf[32];
     (void)std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &tm);
     return buf;
