@@ -32,9 +32,9 @@
 
 // Every real function a wrapper forwards to.
 #define BRASK_REAL_CALLS(X)                                                                    \
-    X(fopen) X(fopen64) X(fclose) X(fflush) X(fread) X(fwrite) X(fputs) X(fputc) X(putc)       \
+    X(fopen) X(fopen64) X(fclose) X(fflush) X(fread) X(fwrite) X(fputs) X(fputc)       \
     X(fseek) X(fseeko) X(fseeko64) X(ftell) X(ftello) X(ftello64) X(fileno) X(open) X(open64)  \
-    X(openat) X(openat64) X(creat) X(creat64) X(close) X(dup2) X(write) X(pwrite) X(pwrite64)  \
+    X(openat) X(openat64) X(close) X(dup2) X(write) X(pwrite) X(pwrite64)  \
     X(fsync) X(fdatasync) X(syncfs) X(sync) X(stat) X(stat64) X(lstat) X(lstat64) X(fstat)     \
     X(fstat64) X(fstatfs) X(fstatfs64) X(mmap) X(mmap64) X(munmap) X(chmod) X(fchmod)          \
     X(chown) X(lchown) X(fchown) X(rename) X(renameat) X(renameat2) X(unlink) X(unlinkat)      \
@@ -64,26 +64,21 @@ std::atomic<void*> gReal[kRealCount];
     std::abort();
 }
 
-void* lookup(int i) {
+void* realOf(int i) {
     void* p = gReal[i].load(std::memory_order_relaxed);
     if (p == nullptr) {
         p = kInterceptor[i] != nullptr ? reinterpret_cast<void*>(kInterceptor[i])
                                        : ::dlsym(RTLD_NEXT, kRealName[i]);
+        if (p == nullptr) die(kRealName[i]);
         gReal[i].store(p, std::memory_order_relaxed);
     }
     return p;
 }
 
-void* realOf(int i) {
-    void* p = lookup(i);
-    if (p == nullptr) die(kRealName[i]);
-    return p;
-}
-
 // Resolved up front, so that a child forked from a threaded parent never
-// needs the dynamic loader's lock; lookup() covers calls made before this.
+// needs the dynamic loader's lock; realOf() covers calls made before this.
 __attribute__((constructor)) void resolveAll() {
-    for (int i = 0; i < kRealCount; ++i) (void)lookup(i);
+    for (int i = 0; i < kRealCount; ++i) (void)realOf(i);
 }
 
 #define REAL(name) reinterpret_cast<decltype(&::name)>(realOf(k_##name))
@@ -113,10 +108,12 @@ int streamFd(FILE* fp) { return fp != nullptr ? REAL(fileno)(fp) : -1; }
 const char* streamPath(FILE* fp) { return fdPath(streamFd(fp)); }
 bool pending(FILE* fp) { return fp != nullptr && __fpending(fp) > 0; }
 
-const char* atPath(int dirfd, const char* path, Path& joined) {
+// A *at path as one path; `slot` keeps rename's two apart.
+const char* atPath(int dirfd, const char* path, int slot) {
+    static Path joined[2];
     if (path == nullptr || path[0] == '/' || dirfd == AT_FDCWD) return path;
-    std::snprintf(joined, kPathMax, "%s/%s", fdPath(dirfd), path);
-    return joined;
+    std::snprintf(joined[slot], kPathMax, "%s/%s", fdPath(dirfd), path);
+    return joined[slot];
 }
 
 bool matches(const char* prefix, const char* path) {
@@ -171,20 +168,19 @@ bool touches(const char* prefix, const Site& s) {
     return matches(prefix, s.path) || matches(prefix, s.to);
 }
 
-int findDirty(const char* path) {
-    for (int i = 0; i < kDirtyMax; ++i) {
-        if (gCounter.dirty[i][0] != '\0' && std::strcmp(gCounter.dirty[i], path) == 0) return i;
+// Marks `path` as holding unflushed data or not; returns whether it did.
+bool setDirty(const char* path, bool dirty) {
+    Path* free = nullptr;
+    for (Path& p : gCounter.dirty) {
+        if (p[0] == '\0') {
+            free = free != nullptr ? free : &p;
+        } else if (std::strcmp(p, path) == 0) {
+            if (!dirty) p[0] = '\0';
+            return true;
+        }
     }
-    return -1;
-}
-
-void setDirty(const char* path, bool dirty) {
-    int i = findDirty(path);
-    if (!dirty && i >= 0) gCounter.dirty[i][0] = '\0';
-    if (!dirty || i >= 0) return;
-    for (i = 0; i < kDirtyMax && gCounter.dirty[i][0] != '\0'; ++i) {
-    }
-    if (i < kDirtyMax) copyPath(gCounter.dirty[i], path);
+    if (dirty && free != nullptr) copyPath(*free, path);
+    return false;
 }
 
 void forgetUnflushed() {
@@ -202,36 +198,24 @@ void noteWriteLike(const Site& s, bool goesAhead) {
         copyPath(e.to, s.to);
     }
     if (!goesAhead) return;
-    switch (s.call) {
-    case Call::Write:
-    case Call::Fwrite:
-    case Call::Fflush:
-    case Call::Fclose:
-        setDirty(s.path, true);
-        break;
-    case Call::Fsync:
-    case Call::Fdatasync:
-    case Call::Unlink:
-        setDirty(s.path, false);
-        break;
-    case Call::Rename: {
-        const bool unflushed = findDirty(s.path) >= 0;
+    if (s.call == Call::Write || s.call == Call::Fwrite || s.call == Call::Fflush || s.call == Call::Fclose) {
+        (void)setDirty(s.path, true);
+    } else if (s.call == Call::Fsync || s.call == Call::Fdatasync || s.call == Call::Unlink) {
+        (void)setDirty(s.path, false);
+    } else if (s.call == Call::Rename) {
+        const bool unflushed = setDirty(s.path, false);
+        (void)setDirty(s.to, unflushed);  // a replaced file's own data is gone
         if (unflushed && c.violated < kViolationMax) {
             Logged& v = c.violations[c.violated++];
             copyPath(v.path, s.path);
             copyPath(v.to, s.to);
         }
-        setDirty(s.path, false);
-        setDirty(s.to, unflushed);
-        break;
-    }
-    default:
-        break;
     }
 }
 
 // Runs the real call unless an armed fault picks this one; counts it first.
-template <bool GiveBackFirst = false, class R, class F>
+// A failed fclose, close or munmap has still given its resource back.
+template <class R, class F>
 R guard(const Site& s, R failed, F real) {
     if (!watching()) return real();
     Fault* fault = nullptr;
@@ -245,7 +229,7 @@ R guard(const Site& s, R failed, F real) {
     }
     if (s.writeLike) noteWriteLike(s, fault == nullptr);
     if (fault == nullptr) return real();
-    if constexpr (GiveBackFirst) (void)real();
+    if (s.call == Call::Fclose || s.call == Call::Close || s.call == Call::Munmap) (void)real();
     if (fault->err != 0) errno = fault->err;
     if constexpr (std::is_arithmetic_v<R>) {
         if (fault->hasValue) return static_cast<R>(fault->value);
@@ -256,159 +240,134 @@ R guard(const Site& s, R failed, F real) {
 bool opensForWriting(int flags) {
     return (flags & (O_WRONLY | O_RDWR | O_CREAT | O_TRUNC | O_APPEND)) != 0;
 }
-bool takesMode(int flags) { return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE; }
+
+template <class F>
+int opening(const char* path, int flags, F real) {
+    const int fd = guard(Site{Call::Open, path, opensForWriting(flags)}, -1, real);
+    track(fd, path);
+    return fd;
+}
 
 }  // namespace
 
-// ---- Streams ------------------------------------------------------------------
-#define BRASK_WRAP_FOPEN(name)                                                            \
-    extern "C" FILE* name(const char* path, const char* mode) {                           \
-        FILE* fp = guard({Call::Fopen, path, std::strpbrk(mode, "wa+") != nullptr},       \
-                         static_cast<FILE*>(nullptr), [&] { return REAL(name)(path, mode); }); \
-        if (fp != nullptr) track(REAL(fileno)(fp), path);                                 \
-        return fp;                                                                        \
+// ---- The wrappers ---------------------------------------------------------------
+// Most share one shape: what the call touches (a Site), its failure value, the
+// forward.
+#define BRASK_WRAP(ret, name, params, args, failed, ...)                                             \
+    extern "C" ret name params {                                                                     \
+        return guard(Site{__VA_ARGS__}, static_cast<ret>(failed), [&] { return REAL(name) args; }); \
     }
-BRASK_WRAP_FOPEN(fopen)
-BRASK_WRAP_FOPEN(fopen64)
+#define BRASK_STREAM(ret, name, params, args, failed, call, ...) \
+    BRASK_WRAP(ret, name, params, args, failed, call, streamPath(fp) __VA_OPT__(, ) __VA_ARGS__)
+#define BRASK_FD(ret, name, params, args, failed, call, ...) \
+    BRASK_WRAP(ret, name, params, args, failed, call, fdPath(fd) __VA_OPT__(, ) __VA_ARGS__)
+
+BRASK_STREAM(int, fflush, (FILE* fp), (fp), EOF, Call::Fflush, pending(fp))
+BRASK_STREAM(size_t, fread, (void* b, size_t size, size_t n, FILE* fp), (b, size, n, fp), 0, Call::Fread)
+BRASK_STREAM(size_t, fwrite, (const void* b, size_t size, size_t n, FILE* fp), (b, size, n, fp), 0, Call::Fwrite, true)
+BRASK_STREAM(int, fputs, (const char* s, FILE* fp), (s, fp), EOF, Call::Fwrite, true)
+BRASK_STREAM(int, fputc, (int c, FILE* fp), (c, fp), EOF, Call::Fwrite, true)
+BRASK_STREAM(int, fseek, (FILE* fp, long at, int whence), (fp, at, whence), -1, Call::Fseek)
+BRASK_STREAM(int, fseeko, (FILE* fp, off_t at, int whence), (fp, at, whence), -1, Call::Fseek)
+BRASK_STREAM(int, fseeko64, (FILE* fp, off64_t at, int whence), (fp, at, whence), -1, Call::Fseek)
+BRASK_STREAM(long, ftell, (FILE* fp), (fp), -1, Call::Ftell)
+BRASK_STREAM(off_t, ftello, (FILE* fp), (fp), -1, Call::Ftell)
+BRASK_STREAM(off64_t, ftello64, (FILE* fp), (fp), -1, Call::Ftell)
+BRASK_STREAM(int, fileno, (FILE* fp), (fp), -1, Call::Fileno)
+BRASK_FD(ssize_t, write, (int fd, const void* b, size_t n), (fd, b, n), -1, Call::Write, true)
+BRASK_FD(ssize_t, pwrite, (int fd, const void* b, size_t n, off_t at), (fd, b, n, at), -1, Call::Write, true)
+BRASK_FD(ssize_t, pwrite64, (int fd, const void* b, size_t n, off64_t at), (fd, b, n, at), -1, Call::Write, true)
+BRASK_FD(int, fsync, (int fd), (fd), -1, Call::Fsync, true)
+BRASK_FD(int, fdatasync, (int fd), (fd), -1, Call::Fdatasync, true)
+BRASK_FD(int, fstat, (int fd, struct stat* st), (fd, st), -1, Call::Fstat)
+BRASK_FD(int, fstat64, (int fd, struct stat64* st), (fd, st), -1, Call::Fstat)
+BRASK_FD(int, fstatfs, (int fd, struct statfs* st), (fd, st), -1, Call::Fstatfs)
+BRASK_FD(int, fstatfs64, (int fd, struct statfs64* st), (fd, st), -1, Call::Fstatfs)
+BRASK_FD(void*, mmap, (void* a, size_t n, int prot, int flags, int fd, off_t at), (a, n, prot, flags, fd, at), MAP_FAILED, Call::Mmap)
+BRASK_FD(void*, mmap64, (void* a, size_t n, int prot, int flags, int fd, off64_t at), (a, n, prot, flags, fd, at), MAP_FAILED, Call::Mmap)
+BRASK_FD(int, fchmod, (int fd, mode_t mode), (fd, mode), -1, Call::Fchmod, true)
+BRASK_FD(int, fchown, (int fd, uid_t uid, gid_t gid), (fd, uid, gid), -1, Call::Fchown, true)
+BRASK_WRAP(int, stat, (const char* p, struct stat* st), (p, st), -1, Call::Stat, p)
+BRASK_WRAP(int, stat64, (const char* p, struct stat64* st), (p, st), -1, Call::Stat, p)
+BRASK_WRAP(int, lstat, (const char* p, struct stat* st), (p, st), -1, Call::Lstat, p)
+BRASK_WRAP(int, lstat64, (const char* p, struct stat64* st), (p, st), -1, Call::Lstat, p)
+BRASK_WRAP(int, munmap, (void* a, size_t n), (a, n), -1, Call::Munmap, "")
+BRASK_WRAP(int, chmod, (const char* p, mode_t mode), (p, mode), -1, Call::Chmod, p, true)
+BRASK_WRAP(int, chown, (const char* p, uid_t uid, gid_t gid), (p, uid, gid), -1, Call::Chown, p, true)
+BRASK_WRAP(int, lchown, (const char* p, uid_t uid, gid_t gid), (p, uid, gid), -1, Call::Chown, p, true)
+BRASK_WRAP(int, rename, (const char* a, const char* b), (a, b), -1, Call::Rename, a, true, b)
+BRASK_WRAP(int, renameat, (int da, const char* a, int db, const char* b), (da, a, db, b), -1, Call::Rename,
+           atPath(da, a, 0), true, atPath(db, b, 1))
+BRASK_WRAP(int, renameat2, (int da, const char* a, int db, const char* b, unsigned flags), (da, a, db, b, flags), -1,
+           Call::Rename, atPath(da, a, 0), true, atPath(db, b, 1))
+BRASK_WRAP(int, unlink, (const char* p), (p), -1, Call::Unlink, p, true)
+BRASK_WRAP(int, unlinkat, (int d, const char* p, int flags), (d, p, flags), -1, Call::Unlink, atPath(d, p, 0), true)
+BRASK_WRAP(pid_t, fork, (), (), -1, Call::Fork, "")
+BRASK_WRAP(pid_t, waitpid, (pid_t pid, int* status, int options), (pid, status, options), -1, Call::Waitpid, "")
+BRASK_WRAP(time_t, time, (time_t* out), (out), -1, Call::Time, "")
+// Weak: a program may count shell commands with a system() of its own (the
+// benchmarks do), which then replaces this one.  No sanitizer intercepts it.
+extern "C" __attribute__((weak)) int system(const char*);
+BRASK_WRAP(int, system, (const char* command), (command), -1, Call::System, command)
+
+// The rest also keep the descriptor table, or take variable arguments.
+#define BRASK_FOPEN(name)                                                                        \
+    extern "C" FILE* name(const char* p, const char* mode) {                                     \
+        FILE* fp = guard(Site{Call::Fopen, p, std::strpbrk(mode, "wa+") != nullptr},             \
+                         static_cast<FILE*>(nullptr), [&] { return REAL(name)(p, mode); });      \
+        track(streamFd(fp), p);                                                                  \
+        return fp;                                                                               \
+    }
+BRASK_FOPEN(fopen)
+BRASK_FOPEN(fopen64)
+
+// The mode argument is there only when the call may make a file.
+#define BRASK_MODE(flags)                                                                          \
+    va_list args;                                                                                  \
+    va_start(args, flags);                                                                         \
+    const mode_t mode = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE ? va_arg(args, mode_t) : 0; \
+    va_end(args)
+extern "C" int open(const char* p, int flags, ...) {
+    BRASK_MODE(flags);
+    return opening(p, flags, [&] { return REAL(open)(p, flags, mode); });
+}
+extern "C" int open64(const char* p, int flags, ...) {
+    BRASK_MODE(flags);
+    return opening(p, flags, [&] { return REAL(open64)(p, flags, mode); });
+}
+extern "C" int openat(int d, const char* p, int flags, ...) {
+    BRASK_MODE(flags);
+    return opening(atPath(d, p, 0), flags, [&] { return REAL(openat)(d, p, flags, mode); });
+}
+extern "C" int openat64(int d, const char* p, int flags, ...) {
+    BRASK_MODE(flags);
+    return opening(atPath(d, p, 0), flags, [&] { return REAL(openat64)(d, p, flags, mode); });
+}
 
 extern "C" int fclose(FILE* fp) {
     const int fd = streamFd(fp);
-    const int r = guard<true>({Call::Fclose, fdPath(fd), pending(fp)}, EOF,
-                              [&] { return REAL(fclose)(fp); });
+    const int r = guard(Site{Call::Fclose, fdPath(fd), pending(fp)}, EOF, [&] { return REAL(fclose)(fp); });
     track(fd, nullptr);
     return r;
 }
-
-extern "C" int fflush(FILE* fp) {
-    return guard({Call::Fflush, streamPath(fp), pending(fp)}, EOF, [&] { return REAL(fflush)(fp); });
-}
-
-extern "C" size_t fread(void* buf, size_t size, size_t n, FILE* fp) {
-    return guard({Call::Fread, streamPath(fp)}, size_t{0}, [&] { return REAL(fread)(buf, size, n, fp); });
-}
-
-extern "C" size_t fwrite(const void* buf, size_t size, size_t n, FILE* fp) {
-    return guard({Call::Fwrite, streamPath(fp), true}, size_t{0},
-                 [&] { return REAL(fwrite)(buf, size, n, fp); });
-}
-
-extern "C" int fputs(const char* s, FILE* fp) {
-    return guard({Call::Fwrite, streamPath(fp), true}, EOF, [&] { return REAL(fputs)(s, fp); });
-}
-
-#define BRASK_WRAP_PUTC(name)                                                                   \
-    extern "C" int name(int c, FILE* fp) {                                                      \
-        return guard({Call::Fwrite, streamPath(fp), true}, EOF, [&] { return REAL(name)(c, fp); }); \
-    }
-BRASK_WRAP_PUTC(fputc)
-BRASK_WRAP_PUTC(putc)
-
-#define BRASK_WRAP_FSEEK(name, offset)                                                              \
-    extern "C" int name(FILE* fp, offset at, int whence) {                                          \
-        return guard({Call::Fseek, streamPath(fp)}, -1, [&] { return REAL(name)(fp, at, whence); }); \
-    }
-BRASK_WRAP_FSEEK(fseek, long)
-BRASK_WRAP_FSEEK(fseeko, off_t)
-BRASK_WRAP_FSEEK(fseeko64, off64_t)
-
-#define BRASK_WRAP_FTELL(name, offset)                                                                   \
-    extern "C" offset name(FILE* fp) {                                                                   \
-        return guard({Call::Ftell, streamPath(fp)}, static_cast<offset>(-1), [&] { return REAL(name)(fp); }); \
-    }
-BRASK_WRAP_FTELL(ftell, long)
-BRASK_WRAP_FTELL(ftello, off_t)
-BRASK_WRAP_FTELL(ftello64, off64_t)
-
-extern "C" int fileno(FILE* fp) {
-    return guard({Call::Fileno, streamPath(fp)}, -1, [&] { return REAL(fileno)(fp); });
-}
-
-// The C library's headers may name this __isoc99_fscanf; this definition
-// takes the same name, and vfscanf the matching one.
-extern "C" int fscanf(FILE* fp, const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    const int r = guard({Call::Fscanf, streamPath(fp)}, EOF, [&] { return std::vfscanf(fp, format, args); });
-    va_end(args);
-    return r;
-}
-
-// ---- Descriptors --------------------------------------------------------------
-#define BRASK_WRAP_OPEN(name)                                                               \
-    extern "C" int name(const char* path, int flags, ...) {                                 \
-        va_list args;                                                                       \
-        va_start(args, flags);                                                              \
-        const mode_t mode = takesMode(flags) ? va_arg(args, mode_t) : 0;                    \
-        va_end(args);                                                                       \
-        const int fd = guard({Call::Open, path, opensForWriting(flags)}, -1,                \
-                             [&] { return REAL(name)(path, flags, mode); });                \
-        track(fd, path);                                                                    \
-        return fd;                                                                          \
-    }
-BRASK_WRAP_OPEN(open)
-BRASK_WRAP_OPEN(open64)
-
-#define BRASK_WRAP_OPENAT(name)                                                              \
-    extern "C" int name(int dirfd, const char* path, int flags, ...) {                       \
-        va_list args;                                                                        \
-        va_start(args, flags);                                                               \
-        const mode_t mode = takesMode(flags) ? va_arg(args, mode_t) : 0;                     \
-        va_end(args);                                                                        \
-        Path joined;                                                                         \
-        const char* full = atPath(dirfd, path, joined);                                      \
-        const int fd = guard({Call::Open, full, opensForWriting(flags)}, -1,                 \
-                             [&] { return REAL(name)(dirfd, path, flags, mode); });          \
-        track(fd, full);                                                                     \
-        return fd;                                                                           \
-    }
-BRASK_WRAP_OPENAT(openat)
-BRASK_WRAP_OPENAT(openat64)
-
-#define BRASK_WRAP_CREAT(name)                                                                     \
-    extern "C" int name(const char* path, mode_t mode) {                                           \
-        const int fd = guard({Call::Open, path, true}, -1, [&] { return REAL(name)(path, mode); }); \
-        track(fd, path);                                                                           \
-        return fd;                                                                                 \
-    }
-BRASK_WRAP_CREAT(creat)
-BRASK_WRAP_CREAT(creat64)
 
 extern "C" int close(int fd) {
-    const int r = guard<true>({Call::Close, fdPath(fd)}, -1, [&] { return REAL(close)(fd); });
+    const int r = guard(Site{Call::Close, fdPath(fd)}, -1, [&] { return REAL(close)(fd); });
     track(fd, nullptr);
     return r;
 }
 
-// Not a Call of its own: only keeps the table right when a descriptor is
-// replaced (a test redirecting its output, say).
+// Only keeps the table right when a descriptor is replaced (a test
+// redirecting its output, say).
 extern "C" int dup2(int from, int to) {
     const int r = REAL(dup2)(from, to);
     if (r >= 0 && from != to) track(to, fdPath(from));
     return r;
 }
 
-extern "C" ssize_t write(int fd, const void* buf, size_t n) {
-    return guard({Call::Write, fdPath(fd), true}, ssize_t{-1}, [&] { return REAL(write)(fd, buf, n); });
-}
-
-#define BRASK_WRAP_PWRITE(name, offset)                                                  \
-    extern "C" ssize_t name(int fd, const void* buf, size_t n, offset at) {              \
-        return guard({Call::Write, fdPath(fd), true}, ssize_t{-1},                       \
-                     [&] { return REAL(name)(fd, buf, n, at); });                        \
-    }
-BRASK_WRAP_PWRITE(pwrite, off_t)
-BRASK_WRAP_PWRITE(pwrite64, off64_t)
-
-#define BRASK_WRAP_FD(name, call, writeLike)                                                          \
-    extern "C" int name(int fd) {                                                                      \
-        return guard({call, fdPath(fd), writeLike}, -1, [&] { return REAL(name)(fd); });               \
-    }
-BRASK_WRAP_FD(fsync, Call::Fsync, true)
-BRASK_WRAP_FD(fdatasync, Call::Fdatasync, true)
-
 // A file-system-wide flush leaves nothing unflushed, whichever descriptor names it.
 extern "C" int syncfs(int fd) {
-    const int r = guard({Call::Syncfs, fdPath(fd), true}, -1, [&] { return REAL(syncfs)(fd); });
+    const int r = guard(Site{Call::Syncfs, fdPath(fd), true}, -1, [&] { return REAL(syncfs)(fd); });
     if (r == 0) forgetUnflushed();
     return r;
 }
@@ -418,115 +377,25 @@ extern "C" void sync() {
     forgetUnflushed();
 }
 
-// ---- File status ----------------------------------------------------------------
-#define BRASK_WRAP_PATH_STAT(name, call, type)                                                       \
-    extern "C" int name(const char* path, struct type* st) {                                         \
-        return guard({call, path}, -1, [&] { return REAL(name)(path, st); });                        \
-    }
-BRASK_WRAP_PATH_STAT(stat, Call::Stat, stat)
-BRASK_WRAP_PATH_STAT(stat64, Call::Stat, stat64)
-BRASK_WRAP_PATH_STAT(lstat, Call::Lstat, stat)
-BRASK_WRAP_PATH_STAT(lstat64, Call::Lstat, stat64)
-
-#define BRASK_WRAP_FD_STAT(name, call, type)                                                         \
-    extern "C" int name(int fd, struct type* st) {                                                   \
-        return guard({call, fdPath(fd)}, -1, [&] { return REAL(name)(fd, st); });                    \
-    }
-BRASK_WRAP_FD_STAT(fstat, Call::Fstat, stat)
-BRASK_WRAP_FD_STAT(fstat64, Call::Fstat, stat64)
-BRASK_WRAP_FD_STAT(fstatfs, Call::Fstatfs, statfs)
-BRASK_WRAP_FD_STAT(fstatfs64, Call::Fstatfs, statfs64)
-
-// ---- Mappings -------------------------------------------------------------------
-#define BRASK_WRAP_MMAP(name, offset)                                                                \
-    extern "C" void* name(void* addr, size_t n, int prot, int flags, int fd, offset at) {            \
-        return guard({Call::Mmap, fdPath(fd)}, MAP_FAILED,                                           \
-                     [&] { return REAL(name)(addr, n, prot, flags, fd, at); });                     \
-    }
-BRASK_WRAP_MMAP(mmap, off_t)
-BRASK_WRAP_MMAP(mmap64, off64_t)
-
-extern "C" int munmap(void* addr, size_t n) {
-    return guard<true>({Call::Munmap, ""}, -1, [&] { return REAL(munmap)(addr, n); });
+// The C library's headers may name this __isoc99_fscanf; this definition
+// takes the same name, and vfscanf the matching one.
+extern "C" int fscanf(FILE* fp, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    const int r = guard(Site{Call::Fscanf, streamPath(fp)}, EOF, [&] { return std::vfscanf(fp, format, args); });
+    va_end(args);
+    return r;
 }
 
-// ---- Names, modes and owners ------------------------------------------------------
-extern "C" int chmod(const char* path, mode_t mode) {
-    return guard({Call::Chmod, path, true}, -1, [&] { return REAL(chmod)(path, mode); });
-}
-
-extern "C" int fchmod(int fd, mode_t mode) {
-    return guard({Call::Fchmod, fdPath(fd), true}, -1, [&] { return REAL(fchmod)(fd, mode); });
-}
-
-#define BRASK_WRAP_CHOWN(name)                                                                      \
-    extern "C" int name(const char* path, uid_t uid, gid_t gid) {                                   \
-        return guard({Call::Chown, path, true}, -1, [&] { return REAL(name)(path, uid, gid); });     \
-    }
-BRASK_WRAP_CHOWN(chown)
-BRASK_WRAP_CHOWN(lchown)
-
-extern "C" int fchown(int fd, uid_t uid, gid_t gid) {
-    return guard({Call::Fchown, fdPath(fd), true}, -1, [&] { return REAL(fchown)(fd, uid, gid); });
-}
-
-extern "C" int rename(const char* from, const char* to) {
-    return guard({Call::Rename, from, true, to}, -1, [&] { return REAL(rename)(from, to); });
-}
-
-extern "C" int renameat(int fromDir, const char* from, int toDir, const char* to) {
-    Path a, b;
-    return guard({Call::Rename, atPath(fromDir, from, a), true, atPath(toDir, to, b)}, -1,
-                 [&] { return REAL(renameat)(fromDir, from, toDir, to); });
-}
-
-extern "C" int renameat2(int fromDir, const char* from, int toDir, const char* to, unsigned flags) {
-    Path a, b;
-    return guard({Call::Rename, atPath(fromDir, from, a), true, atPath(toDir, to, b)}, -1,
-                 [&] { return REAL(renameat2)(fromDir, from, toDir, to, flags); });
-}
-
-extern "C" int unlink(const char* path) {
-    return guard({Call::Unlink, path, true}, -1, [&] { return REAL(unlink)(path); });
-}
-
-extern "C" int unlinkat(int dirfd, const char* path, int flags) {
-    Path joined;
-    return guard({Call::Unlink, atPath(dirfd, path, joined), true}, -1,
-                 [&] { return REAL(unlinkat)(dirfd, path, flags); });
-}
-
-// ---- Processes and time -------------------------------------------------------------
-// Weak: a program may count shell commands with a system() of its own (the
-// benchmarks do), which then replaces this one.  No sanitizer intercepts it.
-extern "C" __attribute__((weak)) int system(const char* command) {
-    return guard({Call::System, command}, -1, [&] { return REAL(system)(command); });
-}
-
-extern "C" pid_t fork() {
-    return guard({Call::Fork, ""}, pid_t{-1}, [&] { return REAL(fork)(); });
-}
-
-// No execvp-like form of execlp exists to forward to: its list becomes an array.
+// There is no execvp-like form of execlp to forward to: its list becomes an array.
 extern "C" int execlp(const char* file, const char* arg, ...) {
     constexpr int kMaxArgs = 64;
-    char* argv[kMaxArgs + 1];
-    int n = 0;
-    argv[n++] = const_cast<char*>(arg);
+    char* argv[kMaxArgs + 1] = {const_cast<char*>(arg)};
     va_list args;
     va_start(args, arg);
-    while (argv[n - 1] != nullptr && n < kMaxArgs) argv[n++] = va_arg(args, char*);
+    for (int n = 1; argv[n - 1] != nullptr && n < kMaxArgs; ++n) argv[n] = va_arg(args, char*);
     va_end(args);
-    argv[n] = nullptr;
-    return guard({Call::Execlp, file}, -1, [&] { return ::execvp(file, argv); });
-}
-
-extern "C" pid_t waitpid(pid_t pid, int* status, int options) {
-    return guard({Call::Waitpid, ""}, pid_t{-1}, [&] { return REAL(waitpid)(pid, status, options); });
-}
-
-extern "C" time_t time(time_t* out) {
-    return guard({Call::Time, ""}, static_cast<time_t>(-1), [&] { return REAL(time)(out); });
+    return guard(Site{Call::Execlp, file}, -1, [&] { return ::execvp(file, argv); });
 }
 
 // ---- Test API ------------------------------------------------------------------------
@@ -567,14 +436,8 @@ FailCall::FailCall(Call call, int err, std::string_view prefix, int nth, int tim
         if (!gFaults[i].used) slot_ = i;
     }
     if (slot_ < 0) die("more than 8 FailCalls armed");
-    Fault& f = gFaults[slot_];
-    f = Fault{};
-    f.call = call;
-    f.err = err;
-    copyPrefix(f.prefix, prefix);
-    f.nth = nth;
-    f.times = times;
-    f.used = true;
+    gFaults[slot_] = Fault{true, call, err, {}, nth, times, 0, 0, false, 0};
+    copyPrefix(gFaults[slot_].prefix, prefix);
     gArmed.fetch_add(1);
 }
 

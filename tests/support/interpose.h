@@ -10,10 +10,10 @@
 //
 // Paths are matched by prefix: a call matches "/conf/" when its path starts
 // with it, or is "/conf" itself.  The path of a descriptor or stream call is
-// the one it was opened with (open, openat, creat, fopen and their 64-bit
-// forms; relative *at paths are joined to their directory's); a rename
-// matches by either path; system matches by its command and execlp by its
-// file.  Calls without a path (fork, waitpid, time, an untracked descriptor)
+// the one it was opened with (open, openat, fopen and their 64-bit forms;
+// relative *at paths are joined to their directory's); a rename matches by
+// either path; system matches by its command and execlp by its file.  Calls
+// without a path (fork, waitpid, time, munmap, an untracked descriptor)
 // match only the empty prefix.
 //
 // Arming and disarming are meant for one thread; a forked child inherits
@@ -37,7 +37,7 @@ enum class Call {
     Ftell,      // ftell, ftello, ftello64
     Fileno,
     Fscanf,
-    Open,       // open, open64, openat, openat64, creat, creat64
+    Open,       // open, open64, openat, openat64
     Close,      // fails after closing
     Write,      // write, pwrite, pwrite64
     Fsync,
