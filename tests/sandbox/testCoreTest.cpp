@@ -22,7 +22,8 @@ void PrintTo(const Violation& v, std::ostream* out) { *out << v.from << " -> " <
 
 namespace {
 
-// The library's own calls fail as armed, also on a stream opened before.
+// The library's own calls fail as armed, with the errno, also on a stream
+// opened before arming.
 TEST(TestCore, FailCallReachesTheLibrarysCalls) {
     writeFile("/conf/BMCCapability.dat", std::string(64, 'c'));
     FILE* fp = std::fopen("/conf/BMCCapability.dat", "rb");
@@ -38,8 +39,6 @@ TEST(TestCore, FailCallReachesTheLibrarysCalls) {
     } cases[] = {
         {Call::Fseek, ESPIPE, "/conf/", [&] { return svfGetFileSize(fp); },
          "BRASK_ERR  : svfBraskArchiver(#) : fseek fail(29)\n"},
-        {Call::Ftell, EOVERFLOW, "/conf/BMCCap", [&] { return svfGetFileSize(fp); },
-         "BRASK_ERR  : svfBraskArchiver(#) : ftell fail(75)\n"},
         {Call::Fopen, EACCES, "/conf/BMCCapability.dat", [&] { return svfReadBMCCapability(&cap); },
          "BRASK_DEBUG  : svfBraskArchiver(#) : svfReadBMCCapability fopen fail\n"},
         {Call::System, ECHILD, "cp -p /conf/", [&] { return svfExeCopyCmd(src, dst); },
@@ -47,12 +46,10 @@ TEST(TestCore, FailCallReachesTheLibrarysCalls) {
          "BRASK_ERR  : svfBraskArchiver(#) : system cmd fail(10)\n"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(callName(c.call));
         FailCall fail(c.call, c.err, c.prefix);
         int result = 0;
         const Transcript t = captureOutput([&] { result = c.run(); });
-        EXPECT_EQ(result, -1);
-        EXPECT_TRUE(fail.fired());
+        EXPECT_EQ(result, -1) << callName(c.call);
         EXPECT_EQ(maskLineNumbers(t.out + t.err), c.transcript);
     }
     std::fclose(fp);
@@ -60,8 +57,7 @@ TEST(TestCore, FailCallReachesTheLibrarysCalls) {
 }
 
 TEST(TestCore, FailCallFiresOnTheNthMatchingCallOnly) {
-    writeFile("/conf/a", "a");
-    writeFile("/conf/b", "b");
+    for (const char* path : {"/conf/a", "/conf/b"}) writeFile(path, "x");
     FailCall fail(Call::Fopen, EIO, "/conf/a", 2);
     std::string opened;
     for (const char* path : {"/conf/b", "/conf/a", "/conf/b", "/conf/a", "/conf/a"}) {
@@ -82,8 +78,7 @@ TEST(TestCore, CrashPointEndsAChildBeforeTheCall) {
         if (pid == 0) {
             crashBefore(k, "/conf/");
             const int fd = ::open("/conf/crash", O_WRONLY | O_CREAT, 0644);
-            if (::write(fd, "data", 4) != 4) ::_exit(1);
-            ::_exit(0);
+            ::_exit(::write(fd, "data", 4) == 4 ? 0 : 1);
         }
         int status = 0;
         ASSERT_EQ(::waitpid(pid, &status, 0), pid);
@@ -93,78 +88,67 @@ TEST(TestCore, CrashPointEndsAChildBeforeTheCall) {
     }
 }
 
-std::string text(const std::vector<WriteLike>& log) {
-    std::string s;
-    for (const WriteLike& e : log) s += callName(e.call) + (" " + e.path) + (e.to.empty() ? "" : " " + e.to) + "\n";
-    return s;
-}
-
 TEST(TestCore, CounterLogsExactlyTheWriteLikeCallsUnderItsPrefix) {
     WriteLikeCounter counter("/conf/");
-    int fd = ::open("/conf/t.tmp", O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    ASSERT_EQ(::write(fd, "x", 1), 1);
+    const int fd = ::open("/conf/t.tmp", O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    EXPECT_EQ(::write(fd, "x", 1), 1);
     ::fsync(fd);
     ::close(fd);
     ::close(::open("/conf/t.tmp", O_RDONLY));
     ::close(::open("/var/brask/outside", O_WRONLY | O_CREAT, 0600));
     ::rename("/conf/t.tmp", "/conf/t");
-    const int dir = ::open("/conf", O_RDONLY | O_DIRECTORY);
-    ::fsync(dir);
-    ::close(dir);
+    const int conf = ::open("/conf", O_RDONLY | O_DIRECTORY);
+    ::fsync(conf);
+    ::close(conf);
     FILE* fp = std::fopen("/conf/s", "w");
     std::fputs("s", fp);
     std::fclose(fp);
     ::chmod("/conf/s", 0600);
     ::unlink("/conf/t");
-    EXPECT_EQ(text(counter.log()),
-              "open /conf/t.tmp\nwrite /conf/t.tmp\nfsync /conf/t.tmp\nrename /conf/t.tmp /conf/t\n"
-              "fsync /conf\nfopen /conf/s\nfwrite /conf/s\nfclose /conf/s\nchmod /conf/s\nunlink /conf/t\n");
+    std::string log;
+    for (const WriteLike& e : counter.log()) log += callName(e.call) + (" " + e.path + " " + e.to) + "\n";
+    EXPECT_EQ(log,
+              "open /conf/t.tmp \nwrite /conf/t.tmp \nfsync /conf/t.tmp \nrename /conf/t.tmp /conf/t\n"
+              "fsync /conf \nfopen /conf/s \nfwrite /conf/s \nfclose /conf/s \nchmod /conf/s \nunlink /conf/t \n");
     EXPECT_EQ(counter.count(), 10);
 }
 
+// One byte into /conf/new.tmp, then `flush` of its descriptor, if any.
+void written(int (*flush)(int)) {
+    const int fd = ::open("/conf/new.tmp", O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    EXPECT_EQ(::write(fd, "x", 1), 1);
+    if (flush != nullptr) flush(fd);
+    ::close(fd);
+}
+
+// The same through a stream, fsync'ed with or without an fflush first.
+void streamed(bool fflushFirst) {
+    FILE* fp = std::fopen("/conf/new.tmp", "w");
+    std::fputs("x", fp);
+    if (fflushFirst) std::fflush(fp);
+    ::fsync(::fileno(fp));
+    std::fclose(fp);  // without the fflush, this hands the byte to the kernel after the fsync
+}
+
 TEST(TestCore, RenameOfUnflushedDataIsAViolation) {
-    const auto written = [](bool sync) {
-        const int fd = ::open("/conf/new.tmp", O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        EXPECT_EQ(::write(fd, "x", 1), 1);
-        if (sync) ::fdatasync(fd);
-        ::close(fd);
-    };
-    const auto streamed = [](bool flushFirst) {
-        FILE* fp = std::fopen("/conf/new.tmp", "w");
-        std::fputs("x", fp);
-        if (flushFirst) std::fflush(fp);
-        ::fsync(::fileno(fp));
-        std::fclose(fp);
-    };
-    const struct {
-        const char* what;
-        std::function<void()> write;
-        bool violation;
-    } cases[] = {
-        {"write", [&] { written(false); }, true},
-        {"write, fdatasync", [&] { written(true); }, false},
-        {"write, syncfs", [&] {
-             written(false);
-             const int conf = ::open("/conf", O_RDONLY);
-             ::syncfs(conf);
-             ::close(conf);
-         }, false},
-        {"fputs, fsync, then flushed by fclose", [&] { streamed(false); }, true},
-        {"fputs, fflush, fsync", [&] { streamed(true); }, false},
+    const struct { const char* what; void (*write)(); bool violation; } cases[] = {
+        {"write", [] { written(nullptr); }, true},
+        {"write, fdatasync", [] { written(::fdatasync); }, false},
+        {"write, syncfs", [] { written(::syncfs); }, false},
+        {"fputs, fsync, fclose", [] { streamed(false); }, true},
+        {"fputs, fflush, fsync", [] { streamed(true); }, false},
     };
     for (const auto& c : cases) {
         WriteLikeCounter counter("/conf/");
         c.write();
         ASSERT_EQ(std::rename("/conf/new.tmp", "/conf/new"), 0);
-        const auto expected = c.violation ? std::vector<Violation>{{"/conf/new.tmp", "/conf/new"}} : std::vector<Violation>{};
-        EXPECT_EQ(counter.violations(), expected) << c.what;
+        const std::vector<Violation> expected{{"/conf/new.tmp", "/conf/new"}};
+        EXPECT_EQ(counter.violations(), c.violation ? expected : std::vector<Violation>{}) << c.what;
     }
 }
 
 TEST(TestCore, SnapshotSeesEachChangeAndPutsItBack) {
-    writeFile("/conf/same", "abc");
-    writeFile("/conf/mode", "m");
-    writeFile("/conf/gone", "g");
+    for (const char* path : {"/conf/same", "/conf/mode", "/conf/gone"}) writeFile(path, "abc");
     const Tree before = snapshotTree();
     writeFile("/conf/same", "abd");
     ::chmod("/conf/mode", 0600);
