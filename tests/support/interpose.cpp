@@ -264,7 +264,8 @@ int opening(const char* path, int flags, F real) {
 
 BRASK_STREAM(int, fflush, (FILE* fp), (fp), EOF, Call::Fflush, pending(fp))
 BRASK_STREAM(size_t, fread, (void* b, size_t size, size_t n, FILE* fp), (b, size, n, fp), 0, Call::Fread)
-BRASK_STREAM(size_t, fwrite, (const void* b, size_t size, size_t n, FILE* fp), (b, size, n, fp), 0, Call::Fwrite, true)
+BRASK_STREAM(size_t, fwrite, (const void* b, size_t size, size_t n, FILE* fp), (b, size, n, fp), 0, Call::Fwrite,
+             true)
 BRASK_STREAM(int, fputs, (const char* s, FILE* fp), (s, fp), EOF, Call::Fwrite, true)
 BRASK_STREAM(int, fputc, (int c, FILE* fp), (c, fp), EOF, Call::Fwrite, true)
 BRASK_STREAM(int, fseek, (FILE* fp, long at, int whence), (fp, at, whence), -1, Call::Fseek)
@@ -283,8 +284,10 @@ BRASK_FD(int, fstat, (int fd, struct stat* st), (fd, st), -1, Call::Fstat)
 BRASK_FD(int, fstat64, (int fd, struct stat64* st), (fd, st), -1, Call::Fstat)
 BRASK_FD(int, fstatfs, (int fd, struct statfs* st), (fd, st), -1, Call::Fstatfs)
 BRASK_FD(int, fstatfs64, (int fd, struct statfs64* st), (fd, st), -1, Call::Fstatfs)
-BRASK_FD(void*, mmap, (void* a, size_t n, int prot, int flags, int fd, off_t at), (a, n, prot, flags, fd, at), MAP_FAILED, Call::Mmap)
-BRASK_FD(void*, mmap64, (void* a, size_t n, int prot, int flags, int fd, off64_t at), (a, n, prot, flags, fd, at), MAP_FAILED, Call::Mmap)
+BRASK_FD(void*, mmap, (void* a, size_t n, int prot, int flags, int fd, off_t at), (a, n, prot, flags, fd, at),
+         MAP_FAILED, Call::Mmap)
+BRASK_FD(void*, mmap64, (void* a, size_t n, int prot, int flags, int fd, off64_t at), (a, n, prot, flags, fd, at),
+         MAP_FAILED, Call::Mmap)
 BRASK_FD(int, fchmod, (int fd, mode_t mode), (fd, mode), -1, Call::Fchmod, true)
 BRASK_FD(int, fchown, (int fd, uid_t uid, gid_t gid), (fd, uid, gid), -1, Call::Fchown, true)
 BRASK_WRAP(int, stat, (const char* p, struct stat* st), (p, st), -1, Call::Stat, p)
@@ -322,10 +325,11 @@ BRASK_FOPEN(fopen)
 BRASK_FOPEN(fopen64)
 
 // The mode argument is there only when the call may make a file.
-#define BRASK_MODE(flags)                                                                          \
-    va_list args;                                                                                  \
-    va_start(args, flags);                                                                         \
-    const mode_t mode = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE ? va_arg(args, mode_t) : 0; \
+#define BRASK_MODE(flags)                                                                      \
+    va_list args;                                                                              \
+    va_start(args, flags);                                                                     \
+    const bool makes = ((flags) & O_CREAT) != 0 || ((flags) & O_TMPFILE) == O_TMPFILE;         \
+    const mode_t mode = makes ? va_arg(args, mode_t) : 0;                                      \
     va_end(args)
 extern "C" int open(const char* p, int flags, ...) {
     BRASK_MODE(flags);
@@ -382,7 +386,8 @@ extern "C" void sync() {
 extern "C" int fscanf(FILE* fp, const char* format, ...) {
     va_list args;
     va_start(args, format);
-    const int r = guard(Site{Call::Fscanf, streamPath(fp)}, EOF, [&] { return std::vfscanf(fp, format, args); });
+    const int r =
+        guard(Site{Call::Fscanf, streamPath(fp)}, EOF, [&] { return std::vfscanf(fp, format, args); });
     va_end(args);
     return r;
 }

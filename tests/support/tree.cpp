@@ -79,7 +79,9 @@ std::string changes(const Node& a, const Node& b) {
         return out.str();
     }
     if (a.mode != b.mode) item() << std::oct << "mode 0" << (a.mode & 07777) << " -> 0" << (b.mode & 07777) << std::dec;
-    if (a.uid != b.uid || a.gid != b.gid) item() << "owner " << a.uid << ':' << a.gid << " -> " << b.uid << ':' << b.gid;
+    if (a.uid != b.uid || a.gid != b.gid) {
+        item() << "owner " << a.uid << ':' << a.gid << " -> " << b.uid << ':' << b.gid;
+    }
     if (a.content != b.content) {
         const auto at = std::mismatch(a.content.begin(), a.content.end(), b.content.begin(), b.content.end());
         item() << (S_ISLNK(a.mode) ? "target " : "content ") << a.content.size() << " -> " << b.content.size()
