@@ -1,10 +1,9 @@
-// Harness support of the sandboxed fuzz targets: sandbox entry, quiet library
-// output, and a snapshot/restore of the sandbox tree between inputs.
+// Harness support of the sandboxed fuzz targets: sandbox entry and quiet
+// library output.
 #include "fuzzSandbox.h"
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <ftw.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "BraskSvf/hostPlatformControl.h"
 #include "fuzzCheck.h"
@@ -29,39 +29,6 @@ void makeDirs(const std::string& path) {
             std::exit(2);
         }
         if (at == std::string::npos) break;
-    }
-}
-
-bool sameNode(const Node& a, const Node& b) {
-    if ((a.mode & S_IFMT) != (b.mode & S_IFMT) || a.mode != b.mode || a.uid != b.uid ||
-        a.gid != b.gid) {
-        return false;
-    }
-    if (S_ISDIR(a.mode)) return true;
-    return a.size == b.size && a.mtime.tv_sec == b.mtime.tv_sec &&
-           a.mtime.tv_nsec == b.mtime.tv_nsec;
-}
-
-// nftw has no context argument.
-Tree* gCollecting = nullptr;
-
-int collect(const char* path, const struct stat* st, int, FTW*) {
-    (*gCollecting)[path] = Node{st->st_mode, st->st_uid, st->st_gid, st->st_size, st->st_mtim};
-    return 0;
-}
-
-int removeOne(const char* path, const struct stat*, int type, FTW*) {
-    return type == FTW_DP ? ::rmdir(path) : ::unlink(path);
-}
-
-void removePath(const std::string& path) {
-    struct stat st{};
-    if (::lstat(path.c_str(), &st) != 0) return;
-    if (S_ISDIR(st.st_mode)) {
-        ::chmod(path.c_str(), 0700);
-        (void)::nftw(path.c_str(), removeOne, 16, FTW_DEPTH | FTW_PHYS);
-    } else {
-        ::unlink(path.c_str());
     }
 }
 
@@ -140,73 +107,6 @@ std::vector<std::uint8_t> readFile(const char* path) {
     }
     ::close(fd);
     return bytes;
-}
-
-Tree snapshot(std::initializer_list<const char*> roots) {
-    Tree tree;
-    gCollecting = &tree;
-    // FTW_MOUNT: a checkout under /tmp is mounted there, and is not ours to watch.
-    for (const char* root : roots) (void)::nftw(root, collect, 16, FTW_PHYS | FTW_MOUNT);
-    gCollecting = nullptr;
-    return tree;
-}
-
-std::vector<std::string> changedPaths(const Tree& before, const Tree& after) {
-    std::vector<std::string> changed;
-    auto b = before.begin();
-    auto a = after.begin();
-    while (b != before.end() || a != after.end()) {
-        if (a == after.end() || (b != before.end() && b->first < a->first)) {
-            changed.push_back((b++)->first);  // removed
-        } else if (b == before.end() || a->first < b->first) {
-            changed.push_back((a++)->first);  // created
-        } else {
-            if (!sameNode(b->second, a->second)) changed.push_back(a->first);
-            ++a;
-            ++b;
-        }
-    }
-    return changed;
-}
-
-Pristine::Pristine(const Tree& tree) {
-    for (const auto& [path, node] : tree) {
-        Saved s{node, {}};
-        if (S_ISREG(node.mode)) s.content = readFile(path.c_str());
-        saved_.emplace(path, std::move(s));
-    }
-}
-
-void Pristine::restore(const std::vector<std::string>& paths) const {
-    // Children after their folders when rebuilding, before them when removing.
-    for (auto it = paths.rbegin(); it != paths.rend(); ++it) {
-        const auto found = saved_.find(*it);
-        struct stat st{};
-        const bool present = ::lstat(it->c_str(), &st) == 0;
-        if (found == saved_.end() ||
-            (present && (st.st_mode & S_IFMT) != (found->second.node.mode & S_IFMT))) {
-            removePath(*it);
-        }
-    }
-    for (const std::string& path : paths) {
-        const auto found = saved_.find(path);
-        if (found == saved_.end()) continue;
-        const Node& node = found->second.node;
-        if (S_ISDIR(node.mode)) {
-            if (::mkdir(path.c_str(), 0700) != 0) FUZZ_CHECK(errno == EEXIST);
-            FUZZ_CHECK(::lchown(path.c_str(), node.uid, node.gid) == 0);
-            FUZZ_CHECK(::chmod(path.c_str(), node.mode & 07777) == 0);
-            continue;
-        }
-        FUZZ_CHECK(S_ISREG(node.mode));  // the trees we lay out hold nothing else
-        ::unlink(path.c_str());
-        const std::vector<std::uint8_t>& content = found->second.content;
-        writeFile(path.c_str(), content.data(), content.size());
-        FUZZ_CHECK(::lchown(path.c_str(), node.uid, node.gid) == 0);
-        FUZZ_CHECK(::chmod(path.c_str(), node.mode & 07777) == 0);
-        const timespec times[2] = {{0, UTIME_OMIT}, node.mtime};
-        FUZZ_CHECK(::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW) == 0);
-    }
 }
 
 }  // namespace brask::fuzz

@@ -9,7 +9,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -21,6 +20,7 @@
 #include "fuzzCheck.h"
 #include "fuzzSandbox.h"
 #include "sandbox/scenario.h"
+#include "support/tree.h"
 
 using namespace brask;
 
@@ -29,8 +29,7 @@ namespace {
 constexpr char kBlockFile[] = "/var/brask/BMC.bak-1";
 
 struct World {
-    fuzz::Tree baseline;
-    std::unique_ptr<fuzz::Pristine> pristine;
+    test::Tree baseline;
 };
 World* gWorld = nullptr;
 
@@ -69,8 +68,7 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
         (void)svfExtractBraskArchive(1, const_cast<char*>(kBlockFile), 1);
     }
     gWorld = new World;
-    gWorld->baseline = fuzz::snapshot({"/conf", "/var", "/tmp"});
-    gWorld->pristine = std::make_unique<fuzz::Pristine>(gWorld->baseline);
+    gWorld->baseline = test::snapshotTree({"/conf", "/var", "/tmp"});
     return 0;
 }
 
@@ -96,7 +94,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     const catalogue::Selection cat = catalogue::select(fwType);
     const std::vector<std::string> changed =
-        fuzz::changedPaths(gWorld->baseline, fuzz::snapshot({"/conf", "/var", "/tmp"}));
+        test::changedPaths(gWorld->baseline, test::snapshotTree({"/conf", "/var", "/tmp"}));
     for (const std::string& path : changed) {
         if (!mayChange(path, cat)) {
             ::dprintf(fuzz::kReportFd, "extraction touched %s\n", path.c_str());
@@ -105,8 +103,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
 
     if (!changed.empty()) {
-        gWorld->pristine->restore(changed);
-        FUZZ_CHECK(fuzz::changedPaths(gWorld->baseline, fuzz::snapshot({"/conf", "/var", "/tmp"})).empty());
+        FUZZ_CHECK(test::restoreTree(gWorld->baseline, changed));
+        FUZZ_CHECK(test::changedPaths(gWorld->baseline, test::snapshotTree({"/conf", "/var", "/tmp"})).empty());
     }
     hostResetFaults();
     hostFruClearAccessLog();

@@ -13,6 +13,7 @@
 #include "restoreTestSupport.h"
 #include "support/sandbox.h"
 #include "support/scenario.h"
+#include "support/tree.h"
 
 namespace brask::test {
 namespace {
@@ -185,7 +186,7 @@ TEST_F(RestoreTest, FailureMidBlockKeepsEarlierEntriesAndSkipsCapability) {
 
 TEST_F(RestoreTest, BadChecksumOrMissingBlockChangesNothing) {
     populateConf();
-    const auto before = snapshotTree();
+    const auto before = snapshotTree({"/conf"});
     ByteVec block = buildBlock({entryFor("/conf/resolv.conf", "new\n")});
     block.back() ^= 0x01;
     EXPECT_EQ(extract(block), -1);
@@ -195,7 +196,7 @@ TEST_F(RestoreTest, BadChecksumOrMissingBlockChangesNothing) {
     ::testing::internal::CaptureStderr();
     EXPECT_EQ(extract(ByteVec{}), -1);
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
-    EXPECT_EQ(diffSnapshots(before, snapshotTree()), "");
+    EXPECT_EQ(diffTrees(before, snapshotTree({"/conf"})), "");
 }
 
 // ---- Hostile archives: checksum right, layout wrong --------------------------
@@ -223,7 +224,7 @@ TEST_F(RestoreTest, HostileBlocksAreRejectedWithoutTouchingConf) {
         SCOPED_TRACE(c.what);
         populateConf();
         for (const auto& p : deleteFirstPaths()) writeFile(p, "live");
-        const auto before = snapshotTree();
+        const auto before = snapshotTree({"/conf"});
         EntryShape bad = entryFor(c.path, c.data);
         bad.fileOffset = c.fileOffset;
         bad.fileSize = c.fileSize;
@@ -233,7 +234,7 @@ TEST_F(RestoreTest, HostileBlocksAreRejectedWithoutTouchingConf) {
             sealBlock(block);
         }
         EXPECT_EQ(extractWithPartRow(block), -1);
-        EXPECT_EQ(diffSnapshots(before, snapshotTree()), "");
+        EXPECT_EQ(diffTrees(before, snapshotTree({"/conf"})), "");
     }
 }
 

@@ -1,13 +1,11 @@
 #include "restoreTestSupport.h"
 
-#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstring>
-#include <filesystem>
 #include <functional>
-#include <sstream>
 #include <thread>
 
 #include "BraskSvf/svfApi.h"
@@ -17,7 +15,6 @@
 
 namespace brask::test {
 namespace fmt = brask::format;
-namespace fs = std::filesystem;
 
 EntryShape entryFor(const std::string& path, const std::string& content, std::uint32_t mode) {
     EntryShape e;
@@ -119,51 +116,6 @@ ByteVec flipped(std::size_t at) {
     ByteVec f = sampleBackup();
     f[at] ^= 0x10;
     return f;
-}
-
-TreeSnapshot snapshotTree(const std::string& root) {
-    TreeSnapshot snap;
-    struct stat rootSt {};
-    if (::stat(root.c_str(), &rootSt) != 0) return snap;
-    for (auto it = fs::recursive_directory_iterator(root); it != fs::recursive_directory_iterator(); ++it) {
-        struct stat st {};
-        const std::string path = it->path().string();
-        if (::lstat(path.c_str(), &st) != 0) continue;
-        // Stay on the root's file system: when the checkout itself lives
-        // under /tmp, the sandbox mounts it there, and it is not ours to watch.
-        if (st.st_dev != rootSt.st_dev) {
-            it.disable_recursion_pending();
-            continue;
-        }
-        FileState s;
-        s.mode = st.st_mode;
-        s.uid = st.st_uid;
-        s.gid = st.st_gid;
-        if (S_ISREG(st.st_mode)) {
-            s.size = static_cast<std::uintmax_t>(st.st_size);
-            s.contentHash = std::hash<std::string>{}(readFile(path));
-        }
-        snap[path] = s;
-    }
-    return snap;
-}
-
-std::string diffSnapshots(const TreeSnapshot& before, const TreeSnapshot& after) {
-    std::ostringstream out;
-    for (const auto& [path, state] : before) {
-        auto it = after.find(path);
-        if (it == after.end()) {
-            out << "removed " << path << "\n";
-        } else if (!(it->second == state)) {
-            out << "changed " << path << " (mode " << std::oct << state.mode << "->"
-                << it->second.mode << std::dec << ", size " << state.size << "->"
-                << it->second.size << ")\n";
-        }
-    }
-    for (const auto& [path, state] : after) {
-        if (!before.count(path)) out << "added " << path << "\n";
-    }
-    return out.str();
 }
 
 std::vector<std::string> deleteFirstPaths() {

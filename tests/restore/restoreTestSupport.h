@@ -1,15 +1,12 @@
-// Helpers of the restore suite (svfdump's suite uses the block builder and the
-// snapshots too): archive blocks and backup files built with the format
-// layer's encoders, each sealed with a valid checksum unless a test breaks it
-// on purpose, and a snapshot of the /conf tree.
+// Helpers of the restore suite (svfdump's suite uses the block builder too):
+// archive blocks and backup files built with the format layer's encoders,
+// each sealed with a valid checksum unless a test breaks it on purpose.
 #pragma once
 
 #include <gtest/gtest.h>
-#include <sys/types.h>
 
 #include <cstdint>
 #include <initializer_list>
-#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -59,21 +56,6 @@ void sealBackup(ByteVec& file);
 ByteVec sampleBackup(BackupShape shape = {});
 // sampleBackup() with one bit of byte `at` flipped, the checksum left as it was.
 ByteVec flipped(std::size_t at);
-
-struct FileState {
-    std::uintmax_t size = 0;
-    mode_t mode = 0;
-    uid_t uid = 0;
-    gid_t gid = 0;
-    std::size_t contentHash = 0;
-    bool operator==(const FileState&) const = default;
-};
-using TreeSnapshot = std::map<std::string, FileState>;
-// Every file, folder and link below `root` on its file system: path, size,
-// mode, owner, content hash.
-TreeSnapshot snapshotTree(const std::string& root = "/conf");
-// Describes the differences, "" when equal.
-std::string diffSnapshots(const TreeSnapshot& before, const TreeSnapshot& after);
 
 // Every catalogue row with RestoreType 4.
 std::vector<std::string> deleteFirstPaths();

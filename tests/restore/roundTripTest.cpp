@@ -5,14 +5,15 @@
 #include "restoreTestSupport.h"
 #include "support/sandbox.h"
 #include "support/scenario.h"
+#include "support/tree.h"
 
 namespace brask::test {
 namespace {
 
 // Content, mode and owner of every catalogued file that exists.
-TreeSnapshot catalogued() {
-    const TreeSnapshot all = snapshotTree();
-    TreeSnapshot files;
+Tree catalogued() {
+    const Tree all = snapshotTree({"/conf"});
+    Tree files;
     for (const BackupFileList_T& row : BmcBackupFileList) {
         if (auto it = all.find(row.FilePass); it != all.end()) files.insert(*it);
     }
@@ -46,7 +47,7 @@ TEST_F(RestoreTest, WebConsoleBackupAndRestoreRoundTrip) {
     for (int tick = 0; tick < 10; ++tick) svfRestoreTimer();
 
     // Changed and removed files are back; the added one was a delete-first row.
-    EXPECT_EQ(diffSnapshots(backedUp, catalogued()), "");
+    EXPECT_EQ(diffTrees(backedUp, catalogued()), "");
 
     EXPECT_EQ(selEvents(), (std::vector<std::uint8_t>{0x0B, 0x2B, 0x05, 0x25}));
     const std::string log = commandLog();

@@ -13,6 +13,7 @@
 #include "inspect.h"
 #include "restoreTestSupport.h"
 #include "support/scenario.h"
+#include "support/tree.h"
 #include "svfsim/runTool.h"
 
 namespace brask::test {
@@ -220,14 +221,14 @@ TEST(Svfdump, ExtractionNeverLeavesItsDirectory) {
         const auto unjudged = [&](const auto& kv) {
             return (c.exit == 0 && kv.first.rfind("/tmp/dir", 0) == 0) || kv.first.rfind("/tmp/tool.", 0) == 0;
         };
-        auto before = snapshotTree("/tmp");
+        auto before = snapshotTree({"/tmp"});
         const Outcome r = svfdump({"--extract", "/tmp/dir", "/tmp/hostile"});
         ASSERT_EQ(r.signal, 0) << c.what;
         EXPECT_EQ(r.exit, c.exit) << c.what << "\n" << r.err << r.out;
-        auto after = snapshotTree("/tmp");
+        auto after = snapshotTree({"/tmp"});
         std::erase_if(before, unjudged);
         std::erase_if(after, unjudged);
-        EXPECT_EQ(diffSnapshots(before, after), "") << c.what;
+        EXPECT_EQ(diffTrees(before, after), "") << c.what;
         EXPECT_EQ(readFile("/tmp/outside/victim"), "victim\n") << c.what;
         if (c.exit == 0) {
             EXPECT_EQ(readFile("/tmp/dir/conf/a"), "x\n") << c.what;

@@ -1,0 +1,149 @@
+// Control over the C library calls the library makes, for tests that must
+// reach its I/O error lines or end it part-way through a restore.
+//
+// A binary that links brask_test_core defines the C library functions listed
+// under Call itself; the library's objects, linked statically into it, call
+// these, and each one forwards to the real function (through a sanitizer's
+// interceptor when there is one).  While nothing is armed a wrapper only
+// forwards and remembers which path each descriptor was opened with, so a
+// stream opened before arming is still recognised.
+//
+// Paths are matched by prefix: a call matches "/conf/" when its path starts
+// with it, or is "/conf" itself.  The path of a descriptor or stream call is
+// the one it was opened with (open, openat, fopen and their 64-bit forms;
+// relative *at paths are joined to their directory's); a rename matches by
+// either path; system matches by its command and execlp by its file.  Calls
+// without a path (fork, waitpid, time, munmap, an untracked descriptor)
+// match only the empty prefix.
+//
+// Arming and disarming are meant for one thread; a forked child inherits
+// what its parent armed.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace brask::test {
+
+// Each stands for the family of symbols a compiler may emit for it.
+enum class Call {
+    Fopen,      // fopen, fopen64
+    Fclose,     // fails after closing
+    Fflush,
+    Fread,
+    Fwrite,     // fwrite, fputs, fputc, putc (GCC turns one into another)
+    Fseek,      // fseek, fseeko, fseeko64
+    Ftell,      // ftell, ftello, ftello64
+    Fileno,
+    Fscanf,
+    Open,       // open, open64, openat, openat64
+    Close,      // fails after closing
+    Write,      // write, pwrite, pwrite64
+    Fsync,
+    Fdatasync,
+    Syncfs,
+    Stat,       // stat, stat64
+    Lstat,      // lstat, lstat64
+    Fstat,      // fstat, fstat64
+    Fstatfs,    // fstatfs, fstatfs64
+    Mmap,       // mmap, mmap64
+    Munmap,     // fails after unmapping
+    Chmod,
+    Fchmod,
+    Chown,      // chown, lchown
+    Fchown,
+    Rename,     // rename, renameat, renameat2
+    Unlink,     // unlink, unlinkat
+    System,
+    Fork,
+    Execlp,
+    Waitpid,
+    Time,
+};
+const char* callName(Call call);
+
+// While alive, the nth call of `call` that matches `prefix` and the
+// times - 1 matching calls after it (times 0: every one from the nth on)
+// fail with errno `err` (0 leaves errno alone) and the call's failure value:
+// NULL for fopen, MAP_FAILED for mmap, (time_t)-1 for time, 0 items for
+// fread and fwrite, EOF for fclose, fflush, fputs, fputc and fscanf, -1 for
+// the rest.  fclose, close and munmap give their resource back first, as a
+// failed call of theirs must.  At most 8 are armed at once.
+class FailCall {
+public:
+    FailCall(Call call, int err, std::string_view prefix = {}, int nth = 1, int times = 1);
+    ~FailCall();
+    FailCall(const FailCall&) = delete;
+    FailCall& operator=(const FailCall&) = delete;
+
+    // Returns `value` instead of the failure value, for calls that return a
+    // number: a short count of fread, fwrite or write, system's exit status
+    // (with err 0 for a command that ran and failed).
+    FailCall& returning(long value);
+    // At least one call failed.
+    bool fired() const;
+    // Matching calls seen so far, failed or not: run once with a large nth
+    // to learn how many there are.
+    int matched() const;
+
+private:
+    int slot_;
+};
+
+// Write-like calls change what is stored under a path: open and fopen for
+// writing (O_WRONLY, O_RDWR, O_CREAT, O_TRUNC, O_APPEND; modes with w, a or
+// +), write, pwrite and fwrite (and its fputs, fputc forms) on a descriptor
+// or stream, fflush and fclose of a stream with buffered output, fsync,
+// fdatasync and syncfs of a descriptor, chmod, chown, fchmod, fchown, rename
+// and unlink.  Only those matching the prefix count.
+struct WriteLike {
+    Call call;
+    std::string path;
+    std::string to;  // the new path of a rename
+    bool operator==(const WriteLike&) const = default;
+};
+
+// A rename whose source still held data not yet flushed to disk: written
+// (write, fwrite, a stream flushed) after its last fsync or fdatasync, or
+// after the last syncfs or sync.  A crash after such a rename can leave the
+// new name with missing data.
+struct Violation {
+    std::string from;
+    std::string to;
+    bool operator==(const Violation&) const = default;
+};
+
+// Counts and logs the write-like calls under `prefix` while alive, and keeps
+// the flush order per path for violations().  One at a time.
+class WriteLikeCounter {
+public:
+    explicit WriteLikeCounter(std::string_view prefix);
+    ~WriteLikeCounter();
+    WriteLikeCounter(const WriteLikeCounter&) = delete;
+    WriteLikeCounter& operator=(const WriteLikeCounter&) = delete;
+
+    int count() const;
+    std::vector<WriteLike> log() const;  // the first 2048 calls, in order
+    std::vector<Violation> violations() const;
+};
+
+// Exit status of a process ended by crashBefore.
+inline constexpr int kCrashStatus = 86;
+
+// Ends this process with _exit(kCrashStatus), without flushing anything,
+// just before its k-th write-like call under `prefix` (k >= 1).  For a forked
+// child: it stays armed until the process ends, and replaces any counter.
+void crashBefore(int k, std::string_view prefix);
+
+// Calls made while alive are neither counted nor failed: the tests' own file
+// work in the middle of an armed scope.
+class Unwatched {
+public:
+    Unwatched();
+    ~Unwatched();
+    Unwatched(const Unwatched&) = delete;
+    Unwatched& operator=(const Unwatched&) = delete;
+};
+
+}  // namespace brask::test
