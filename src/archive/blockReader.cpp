@@ -183,7 +183,7 @@ private:
 
     static const char* pathOf(const plan::EntryStep& step, char (&buffer)[SVF_FILE_PASS_SIZE]) {
         std::memset(buffer, 0, sizeof buffer);
-        std::memcpy(buffer, step.target.data(), step.target.size());  // below 152 bytes
+        if (!step.target.empty()) std::memcpy(buffer, step.target.data(), step.target.size());  // below 152 bytes
         return buffer;
     }
 
