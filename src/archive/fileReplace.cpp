@@ -188,4 +188,9 @@ Outcome publish(const char* target) {
     return {};
 }
 
+bool syncDirectory(const char* path) {
+    const ScopedFd dir(::open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return dir && ::fsync(dir.get()) == 0;
+}
+
 }  // namespace brask::replace

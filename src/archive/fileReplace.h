@@ -75,4 +75,8 @@ Outcome stageParts(const char* target, format::Bytes data, std::span<const PartO
 // Renames the temporary over `target`; the temporary is removed on failure.
 Outcome publish(const char* target);
 
+// Flushes a directory's entries (a rename into it) to the disk; false with
+// errno set when it cannot.
+bool syncDirectory(const char* path);
+
 }  // namespace brask::replace

@@ -6,6 +6,7 @@
 
 #include "BraskSvf/svfApi.h"
 #include "BraskSvf/svfPlatform.h"
+#include "archive/fileReplace.h"
 #include "common/diag.h"
 #include "common/eventCodes.h"
 #include "common/paths.h"
@@ -58,6 +59,9 @@ INT8U makeWebConsoleBackup() {
         SVF_DEBUG("mv fail");
         return SVF_CC_NO_EVENT_OR_FAIL;  // the semaphore is given back on the way out
     }
+    // The rename reaches the disk too.  The backup is in place whatever this
+    // says, so a failure changes nothing of the answer.
+    (void)brask::replace::syncDirectory(brask::paths::kBackupDir);
     return SVF_CC_NORMAL;
 }
 

@@ -6,6 +6,7 @@ namespace brask::paths {
 inline constexpr char kSemiVolMutex[] = "/var/GenSemiVolMutex";
 inline constexpr char kFileSemaphore[] = "/var/GenFileSemaphore";
 
+inline constexpr char kBackupDir[] = "/var/brask";
 inline constexpr char kBmcBackupFile[] = "/var/brask/BMC.bak";
 inline constexpr char kEfiBackupFile[] = "/var/brask/EFI.bak";
 inline constexpr char kBmcWebBackupFile[] = "/var/brask/BmcWeb.bak";
