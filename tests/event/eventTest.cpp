@@ -83,6 +83,12 @@ TEST(GetEvent, ChoosesBySlotAndStateAndAppendsOneRecord) {
         const std::array<INT8U, 8> want = {c.answer[0], c.answer[1], c.answer[2], c.answer[3], 0x5C, 0xA1, 0, 0xA3};
         EXPECT_EQ(res, want);
         EXPECT_EQ(o.out, kGet + c.line + "\n");
+        EXPECT_EQ(o.leakedMappings + o.leakedDescriptors, 0);
+        // Each lock step taken once and given back once.
+        for (const char* call : {"hslCreateMutex", "hslDestroyMutex", "hslAcquireMutex", "hslReleaseMutex",
+                                 "hslGetSemiVolatileArea", "hslFreeSemiVolatileArea"}) {
+            EXPECT_EQ(hostCallCount(call), 1) << call;
+        }
         const hslSemiVolatileArea_T after = area();
         EXPECT_EQ(std::memcmp(&before, &after, sizeof before), 0) << "the area is only read";
 
