@@ -32,15 +32,9 @@ int checkIdentity(const svfBraskBackupFileHeader_T& header) {
         SVF_ERR("svfGetProductIdFru fail(%d)\n", errno);
         return SVF_EXTRACT_FAIL;
     }
-    if (std::memcmp(own.ModelNumber, header.ModelNumber, sizeof own.ModelNumber) != 0) {
-        SVF_ERR("ModelNumber Mismatch\n");
-        return SVF_EXTRACT_IDENTITY_MISMATCH;
-    }
-    if (std::memcmp(own.SerialNumber, header.SerialNumber, sizeof own.SerialNumber) != 0) {
-        SVF_ERR("SerialNumber Mismatch\n");
-        return SVF_EXTRACT_IDENTITY_MISMATCH;
-    }
-    return 0;
+    const format::Refusal refusal = format::refusalOf(format::compareIdentity(own, header));
+    if (refusal.result != 0) SVF_ERR("%s\n", refusal.message);
+    return refusal.result;
 }
 
 // Writes block `index` of the mapped backup file to its own file and checks
@@ -114,25 +108,18 @@ int svfExtractBraskBackupFile(INT8U FwTyep, INT8U RestoreMode, INT8U* NumOfBlock
     svfBraskBackupFileHeader_T header{};
     (void)format::decodeBackupHeader(format::Bytes(raw, sizeof raw), header);
 
+    // The checks and their order are the format layer's, which the tools'
+    // preview applies too.
     const std::size_t headerArea = format::backupHeaderAreaSize(header.NumOfBlock);
-    if (svfGetFileSum(fp.get(), static_cast<INT32U>(headerArea)) != 0) {
-        SVF_ERR("ChkSum not Match\n");
-        return SVF_EXTRACT_CHECKSUM_MISMATCH;
+    const format::HeaderVerdict verdict = format::judgeBackupHeader(
+        header, svfGetFileSum(fp.get(), static_cast<INT32U>(headerArea)), FwTyep, RestoreMode);
+    if (verdict != format::HeaderVerdict::Checksum) SVF_DEBUG("Check sum Good");
+    if (verdict != format::HeaderVerdict::Ok) {
+        const format::Refusal refusal = format::refusalOf(verdict);
+        SVF_ERR("%s\n", refusal.message);
+        return refusal.result;
     }
-    SVF_DEBUG("Check sum Good");
-    if (header.Version != format::kBackupVersion) {
-        SVF_ERR("Unknown File Format\n");
-        return SVF_EXTRACT_UNKNOWN_FORMAT;
-    }
-    if (header.FwType != FwTyep) {
-        SVF_ERR("FwTyep not Match\n");
-        return SVF_EXTRACT_FW_TYPE_MISMATCH;
-    }
-    if (FwTyep == BMC_FILE && RestoreMode != N_P_M && header.DataRev != format::kBackupDataRev) {
-        SVF_ERR("Unknown Data Rev\n");
-        return SVF_EXTRACT_UNKNOWN_DATA_REV;
-    }
-    if (RestoreMode != N_P_M) {
+    if (format::checksIdentity(RestoreMode)) {
         const int rc = checkIdentity(header);
         if (rc != 0) return rc;
     }
@@ -153,16 +140,15 @@ int svfExtractBraskBackupFile(INT8U FwTyep, INT8U RestoreMode, INT8U* NumOfBlock
     }
     const format::Bytes file(mapping.data(), mapping.size());
 
+    // Another server's backup (N+M) gives block 0 only.
+    const unsigned toSplit = format::blocksRestored(header, RestoreMode);
     unsigned split = 0;
-    for (unsigned i = 0; i < header.NumOfBlock; ++i) {
+    for (unsigned i = 0; i < toSplit; ++i) {
         const int rc = splitBlock(file, backupFile, i);
         if (rc != 0) return rc;
         ++split;
-        if (RestoreMode == N_P_M) {
-            SVF_DEBUG("N+M Restore Mode");  // another server's backup: block 0 only
-            break;
-        }
     }
+    if (RestoreMode == N_P_M && split > 0) SVF_DEBUG("N+M Restore Mode");
     *NumOfBlock = static_cast<INT8U>(split);
     mapping.reset();
     (void)fp.close();

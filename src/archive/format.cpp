@@ -335,6 +335,26 @@ HeaderVerdict judgeBackupHeader(const svfBraskBackupFileHeader_T& header, std::u
     return HeaderVerdict::Ok;
 }
 
+Refusal refusalOf(HeaderVerdict verdict) {
+    switch (verdict) {
+        case HeaderVerdict::Checksum: return {SVF_EXTRACT_CHECKSUM_MISMATCH, "ChkSum not Match"};
+        case HeaderVerdict::UnknownFormat: return {SVF_EXTRACT_UNKNOWN_FORMAT, "Unknown File Format"};
+        case HeaderVerdict::FwTypeMismatch: return {SVF_EXTRACT_FW_TYPE_MISMATCH, "FwTyep not Match"};
+        case HeaderVerdict::UnknownDataRev: return {SVF_EXTRACT_UNKNOWN_DATA_REV, "Unknown Data Rev"};
+        case HeaderVerdict::Ok: break;
+    }
+    return {0, ""};
+}
+
+Refusal refusalOf(IdentityVerdict verdict) {
+    switch (verdict) {
+        case IdentityVerdict::ModelMismatch: return {SVF_EXTRACT_IDENTITY_MISMATCH, "ModelNumber Mismatch"};
+        case IdentityVerdict::SerialMismatch: return {SVF_EXTRACT_IDENTITY_MISMATCH, "SerialNumber Mismatch"};
+        case IdentityVerdict::Ok: break;
+    }
+    return {0, ""};
+}
+
 IdentityVerdict compareIdentity(const svfBraskBackupFileHeader_T& own, const svfBraskBackupFileHeader_T& file) {
     if (std::memcmp(own.ModelNumber, file.ModelNumber, sizeof own.ModelNumber) != 0) {
         return IdentityVerdict::ModelMismatch;

@@ -175,6 +175,14 @@ enum class HeaderVerdict { Ok, Checksum, UnknownFormat, FwTypeMismatch, UnknownD
 HeaderVerdict judgeBackupHeader(const svfBraskBackupFileHeader_T& header, std::uint32_t headerSum,
                                 unsigned fwType, unsigned restoreMode);
 
+// The result svfExtractBraskBackupFile gives for a failed check, and the
+// line it reports it with (without its line feed).
+struct Refusal {
+    int result;
+    const char* message;
+};
+Refusal refusalOf(HeaderVerdict verdict);
+
 // An N+M restore takes another server's backup: no identity check, and
 // only block 0 is split out of it.
 constexpr bool checksIdentity(unsigned restoreMode) { return restoreMode != N_P_M; }
@@ -185,6 +193,7 @@ constexpr unsigned blocksRestored(const svfBraskBackupFileHeader_T& header, unsi
 // This server's model and serial number against a backup's.
 enum class IdentityVerdict { Ok, ModelMismatch, SerialMismatch };
 IdentityVerdict compareIdentity(const svfBraskBackupFileHeader_T& own, const svfBraskBackupFileHeader_T& file);
+Refusal refusalOf(IdentityVerdict verdict);
 
 // ---- Telling the two formats apart ----------------------------------------------
 // Both begin with a version byte 1 and a zero byte.  Bytes 2-3 are the block's

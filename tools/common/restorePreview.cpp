@@ -246,25 +246,15 @@ Preview previewBackup(format::Bytes file, const Request& request, PreviewTree& t
         return refuse(SVF_EXTRACT_NO_FILE, "fread fail: shorter than the 96-byte header");
     }
     const std::size_t headerArea = format::backupHeaderAreaSize(header.NumOfBlock);
-    switch (format::judgeBackupHeader(header, format::limitedSum(file, static_cast<std::uint32_t>(headerArea)),
-                                      request.fwType, request.restoreMode)) {
-        case format::HeaderVerdict::Checksum: return refuse(SVF_EXTRACT_CHECKSUM_MISMATCH, "ChkSum not Match");
-        case format::HeaderVerdict::UnknownFormat: return refuse(SVF_EXTRACT_UNKNOWN_FORMAT, "Unknown File Format");
-        case format::HeaderVerdict::FwTypeMismatch: return refuse(SVF_EXTRACT_FW_TYPE_MISMATCH, "FwTyep not Match");
-        case format::HeaderVerdict::UnknownDataRev: return refuse(SVF_EXTRACT_UNKNOWN_DATA_REV, "Unknown Data Rev");
-        case format::HeaderVerdict::Ok: break;
-    }
+    const format::Refusal checks = format::refusalOf(format::judgeBackupHeader(
+        header, format::limitedSum(file, static_cast<std::uint32_t>(headerArea)), request.fwType, request.restoreMode));
+    if (checks.result != 0) return refuse(checks.result, checks.message);
     if (format::checksIdentity(request.restoreMode)) {
         if (!request.identity) {
             p.notes.push_back("the model and serial number were not compared with the server's");
         } else {
-            switch (format::compareIdentity(*request.identity, header)) {
-                case format::IdentityVerdict::ModelMismatch:
-                    return refuse(SVF_EXTRACT_IDENTITY_MISMATCH, "ModelNumber Mismatch");
-                case format::IdentityVerdict::SerialMismatch:
-                    return refuse(SVF_EXTRACT_IDENTITY_MISMATCH, "SerialNumber Mismatch");
-                case format::IdentityVerdict::Ok: break;
-            }
+            const format::Refusal identity = format::refusalOf(format::compareIdentity(*request.identity, header));
+            if (identity.result != 0) return refuse(identity.result, identity.message);
         }
     }
 
