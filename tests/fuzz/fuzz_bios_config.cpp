@@ -47,7 +47,9 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     if (size < 2) return 0;
     const std::size_t room = size - 2;
-    const std::size_t split = format::getU16(data) % (room + 1);
+    std::uint16_t first = 0;
+    (void)format::ByteCursor(format::Bytes(data, 2)).u16(first);
+    const std::size_t split = first % (room + 1);
     fuzz::writeFile(kActive, data + 2, split);
     fuzz::writeFile(kBackup, data + 2 + split, room - split);
 

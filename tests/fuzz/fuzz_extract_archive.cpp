@@ -20,6 +20,7 @@
 #include "fuzzCheck.h"
 #include "fuzzSandbox.h"
 #include "sandbox/scenario.h"
+#include "support/builders.h"
 #include "support/tree.h"
 
 using namespace brask;
@@ -46,12 +47,6 @@ bool mayChange(const std::string& path, const catalogue::Selection& cat) {
     return catalogue::find(cat, path.c_str()) != nullptr;
 }
 
-void fixChecksum(std::vector<std::uint8_t>& block) {
-    if (block.size() < format::kArchiveHeaderSize) return;
-    format::putU32(block.data() + 4, 0);
-    format::putU32(block.data() + 4, format::zeroSumComplement(format::wordSum(block)));
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
@@ -61,7 +56,7 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
     // use is part of the starting tree.
     std::vector<std::uint8_t> empty(format::kArchiveHeaderSize);
     empty[0] = format::kArchiveVersion;
-    fixChecksum(empty);
+    test::sealBlock(empty);
     fuzz::writeFile(kBlockFile, empty.data(), empty.size());
     {
         fuzz::Quiet quiet;
@@ -79,7 +74,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const bool maintenance = (flags & 4) != 0;
     const INT8U fwType = (flags & 16) != 0 ? 0 : 1;
     std::vector<std::uint8_t> block(data + 1, data + size);
-    if ((flags & 8) == 0) fixChecksum(block);
+    if ((flags & 8) == 0) test::sealBlock(block);
 
     fuzz::writeFile(kBlockFile, block.data(), block.size());
     if (maintenance) hostSetMaintenanceMode(1);

@@ -42,7 +42,8 @@ std::vector<std::uint8_t> deviceImage() {
 INT8S expectedRestore(const std::uint8_t* file, std::size_t size, bool refused,
                       std::vector<std::uint8_t>& image) {
     if (size < kHeaderSize) return kFileError;
-    const INT32U stored = format::getU32(file);
+    INT32U stored = 0;
+    (void)format::ByteCursor(format::Bytes(file, kHeaderSize)).u32(stored);
     if (stored > kMaxAreaSize || size - kHeaderSize < stored) return kFileError;
     const std::uint8_t* data = file + kHeaderSize;
     const std::size_t length =

@@ -25,14 +25,20 @@ constexpr std::size_t kPayloadAt = kBlockInfoAt + format::kBlockInfoSize;
 void archiveHeader(const std::uint8_t* raw) {
     svfBraskArchiveFileHeader_T h{};
     FUZZ_CHECK(format::decodeArchiveHeader(format::Bytes(raw, format::kArchiveHeaderSize), h) == Status::Ok);
-    std::uint8_t once[format::kArchiveHeaderSize];
-    format::encodeArchiveHeader(h, once);
-    FUZZ_CHECK(std::memcmp(once, raw, sizeof once) == 0);
+    const auto once = format::encodeArchiveHeader(h);
+    FUZZ_CHECK(std::memcmp(once.data(), raw, once.size()) == 0);
     svfBraskArchiveFileHeader_T again{};
     FUZZ_CHECK(format::decodeArchiveHeader(format::Bytes(once), again) == Status::Ok);
-    std::uint8_t twice[format::kArchiveHeaderSize];
-    format::encodeArchiveHeader(again, twice);
-    FUZZ_CHECK(std::memcmp(once, twice, sizeof once) == 0);
+    FUZZ_CHECK(format::encodeArchiveHeader(again) == once);
+}
+
+// A backup header with descriptor 0 right behind it, as in a file.
+void encodeBoth(const svfBraskBackupFileHeader_T& h, const svfBraskBackupFileBlockInfo_T& b,
+                std::uint8_t (&out)[format::kBackupHeaderSize + format::kBlockInfoSize]) {
+    const auto header = format::encodeBackupHeader(h);
+    const auto info = format::encodeBlockInfo(b);
+    std::memcpy(out, header.data(), header.size());
+    std::memcpy(out + header.size(), info.data(), info.size());
 }
 
 void backupHeaderAndBlockInfo(const std::uint8_t* rawHeader, const std::uint8_t* rawInfo) {
@@ -50,8 +56,7 @@ void backupHeaderAndBlockInfo(const std::uint8_t* rawHeader, const std::uint8_t*
     FUZZ_CHECK(format::decodeBlockInfo(format::Bytes(file), 1, beyond) == Status::Truncated);
 
     std::uint8_t once[sizeof file];
-    format::encodeBackupHeader(h, once);
-    format::encodeBlockInfo(b, once + format::kBackupHeaderSize);
+    encodeBoth(h, b, once);
     FUZZ_CHECK(std::memcmp(once, file, sizeof file) == 0);
 
     svfBraskBackupFileHeader_T h2{};
@@ -59,8 +64,7 @@ void backupHeaderAndBlockInfo(const std::uint8_t* rawHeader, const std::uint8_t*
     FUZZ_CHECK(format::decodeBackupHeader(format::Bytes(once), h2) == Status::Ok);
     FUZZ_CHECK(format::decodeBlockInfo(format::Bytes(once), 0, b2) == Status::Ok);
     std::uint8_t twice[sizeof file];
-    format::encodeBackupHeader(h2, twice);
-    format::encodeBlockInfo(b2, twice + format::kBackupHeaderSize);
+    encodeBoth(h2, b2, twice);
     FUZZ_CHECK(std::memcmp(once, twice, sizeof once) == 0);
 }
 
@@ -69,15 +73,12 @@ void backupHeaderAndBlockInfo(const std::uint8_t* rawHeader, const std::uint8_t*
 // FileSize is kept to check that it is refused.
 void archiveEntry(const std::uint8_t* rawInfo, format::Bytes payload) {
     svfBraskArchiveEntryInfo_T info{};
-    info.FileOffset = format::getU32(rawInfo);
-    info.FileSize = static_cast<std::int32_t>(format::getU32(rawInfo + 4));
-    info.FileUid = format::getU32(rawInfo + 8);
-    info.FileGid = format::getU32(rawInfo + 12);
-    info.FilePermission = format::getU32(rawInfo + 16);
+    format::ByteCursor in(format::Bytes(rawInfo, format::kArchiveEntryInfoSize));
+    FUZZ_CHECK(in.u32(info.FileOffset) && in.i32(info.FileSize) && in.u32(info.FileUid) &&
+               in.u32(info.FileGid) && in.u32(info.FilePermission));
 
-    std::uint8_t raw[format::kArchiveEntryInfoSize];
-    format::encodeArchiveEntryInfo(info, raw);
-    FUZZ_CHECK(std::memcmp(raw, rawInfo, sizeof raw) == 0);
+    const auto raw = format::encodeArchiveEntryInfo(info);
+    FUZZ_CHECK(std::memcmp(raw.data(), rawInfo, raw.size()) == 0);
 
     const std::size_t nameLength =
         std::min<std::size_t>(info.FileOffset % (format::kMaxStoredNameLength + 1), payload.size());
@@ -92,8 +93,8 @@ void archiveEntry(const std::uint8_t* rawInfo, format::Bytes payload) {
     std::vector<std::uint8_t> block(format::kArchiveHeaderSize + format::kArchiveEntryInfoSize);
     block[0] = format::kArchiveVersion;
     block[2] = 1;
-    format::encodeArchiveEntryInfo(info, block.data() + format::kArchiveHeaderSize);
-    std::vector<std::uint8_t> once(block.begin() + format::kArchiveHeaderSize, block.end());
+    const auto once = format::encodeArchiveEntryInfo(info);
+    std::memcpy(block.data() + format::kArchiveHeaderSize, once.data(), once.size());
     block.insert(block.end(), payload.begin(), payload.end());
 
     format::ArchiveEntry entry;
@@ -108,9 +109,7 @@ void archiveEntry(const std::uint8_t* rawInfo, format::Bytes payload) {
     FUZZ_CHECK(entry.data.size() == static_cast<std::size_t>(info.FileSize));
     FUZZ_CHECK(entry.data.data() == block.data() + info.FileOffset);
 
-    std::uint8_t twice[format::kArchiveEntryInfoSize];
-    format::encodeArchiveEntryInfo(entry.info, twice);
-    FUZZ_CHECK(std::memcmp(once.data(), twice, sizeof twice) == 0);
+    FUZZ_CHECK(format::encodeArchiveEntryInfo(entry.info) == once);
 }
 
 }  // namespace

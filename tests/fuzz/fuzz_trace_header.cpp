@@ -71,7 +71,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     std::vector<std::uint8_t> written = fuzz::readFile(paths::kTraceFile);
     FUZZ_CHECK(written.size() == expected.size());
-    const INT32U stamp = format::getU32(&written[at + 24]);
+    INT32U stamp = 0;
+    FUZZ_CHECK(format::ByteCursor(format::Bytes(&written[at + 24], 4)).u32(stamp));
     FUZZ_CHECK(stamp >= before && stamp <= after);
     std::memcpy(&expected[at + 24], &written[at + 24], 4);
     FUZZ_CHECK(written == expected);

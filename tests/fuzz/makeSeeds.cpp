@@ -22,6 +22,7 @@
 #include "fuzzSandbox.h"
 #include "sandbox/sandbox.h"
 #include "sandbox/scenario.h"
+#include "support/builders.h"
 
 using namespace brask;
 using Bytes = std::vector<std::uint8_t>;
@@ -50,35 +51,23 @@ Bytes fileBytes(const char* path) {
 // Block 1 of a real backup, keeping only the entries of `keep` (by active
 // path), re-laid and re-summed.
 Bytes trimmedBlock(const Bytes& block, std::initializer_list<std::string_view> keep) {
-    svfBraskArchiveFileHeader_T header{};
-    if (format::decodeArchiveHeader(block, header) != format::Status::Ok) std::exit(1);
-    Bytes body;
-    unsigned kept = 0;
-    std::size_t p = format::kArchiveHeaderSize;
-    for (unsigned i = 0; i < header.NumOfEntry; ++i) {
-        format::ArchiveEntry e;
-        if (format::decodeArchiveEntry(block, p, e) != format::Status::Ok) std::exit(1);
-        p = e.nextOffset;
+    std::vector<test::EntrySpec> kept;
+    format::ArchiveEntryWalk walk(block);
+    format::ArchiveEntry e;
+    while (walk.next(e)) {
         bool wanted = false;
         for (std::string_view k : keep) wanted = wanted || e.name == std::string(k) + ".bak";
         if (!wanted) continue;
-        svfBraskArchiveEntryInfo_T info = e.info;
-        info.FileOffset = static_cast<INT32U>(format::kArchiveHeaderSize + body.size() +
-                                              format::kArchiveEntryInfoSize + e.name.size());
-        std::uint8_t raw[format::kArchiveEntryInfoSize];
-        format::encodeArchiveEntryInfo(info, raw);
-        body.insert(body.end(), raw, raw + sizeof raw);
-        body.insert(body.end(), e.name.begin(), e.name.end());
-        body.insert(body.end(), e.data.begin(), e.data.end());
-        ++kept;
+        test::EntrySpec spec;
+        spec.name = std::string(e.name);
+        spec.data.assign(e.data.begin(), e.data.end());
+        spec.mode = e.info.FilePermission;
+        spec.uid = e.info.FileUid;
+        spec.gid = e.info.FileGid;
+        kept.push_back(std::move(spec));
     }
-    header.NumOfEntry = static_cast<INT16U>(kept);
-    header.ChkSum = 0;
-    Bytes out(format::kArchiveHeaderSize);
-    format::encodeArchiveHeader(header, out.data());
-    out.insert(out.end(), body.begin(), body.end());
-    format::putU32(out.data() + 4, format::zeroSumComplement(format::wordSum(out)));
-    return out;
+    if (!walk.complete()) std::exit(1);
+    return test::block(kept);
 }
 
 // A BIOS configuration file: header, then sections of types 1, 3, 2 and 4;
