@@ -45,12 +45,12 @@ const ReaderCase kReaderCases[] = {
     {"DataRev1Svp", [] { return sampleBackup({.dataRev = 1}); }, BMC_FILE, SVP_CONSOL,
      SVF_EXTRACT_UNKNOWN_DATA_REV},
     {"DataRev1NplusM", [] { return sampleBackup({.dataRev = 1}); }, BMC_FILE, N_P_M, 0},
-    {"OtherModel", [] { return sampleBackup({.ownIdentity = false, .model = "OTHER-MODEL"}); },
+    {"OtherModel", [] { return sampleBackup({.model = "OTHER-MODEL"}); },
      BMC_FILE, kWeb, SVF_EXTRACT_IDENTITY_MISMATCH},
-    {"OtherSerial", [] { return sampleBackup({.ownIdentity = false, .serial = "SN9999"}); },
+    {"OtherSerial", [] { return sampleBackup({.serial = "SN9999"}); },
      BMC_FILE, kWeb, SVF_EXTRACT_IDENTITY_MISMATCH},
     {"OtherServerNplusM",
-     [] { return sampleBackup({.ownIdentity = false, .model = "OTHER", .serial = "SN9999"}); },
+     [] { return sampleBackup({.model = "OTHER", .serial = "SN9999"}); },
      BMC_FILE, N_P_M, 0},
     {"BlockPastEnd", [] { return withDescriptor(1, 136, 1 << 20); }, BMC_FILE, kWeb, SVF_EXTRACT_FAIL},
     {"OffsetPastEnd", [] { return withDescriptor(1, 0x7FFFFFF0, 8); }, BMC_FILE, kWeb, SVF_EXTRACT_FAIL},
@@ -93,11 +93,11 @@ TEST_F(RestoreTest, EveryTruncationIsRefused) {
 }
 
 TEST_F(RestoreTest, SplitWritesEachBlockBesideTheBackup) {
-    BackupShape shape;
-    const ByteVec b0 = buildBlock({});
-    const ByteVec b1 = buildBlock({entryFor("/conf/resolv.conf", "x")});
+    BackupSpec shape;
+    const ByteVec b0 = test::block({});
+    const ByteVec b1 = test::block({entry("/conf/resolv.conf", "x")});
     shape.blocks = {b0, b1};
-    writeBytes(kBackup, buildBackup(shape));
+    writeBytes(kBackup, test::backup(shape));
     INT8U blocks = 0;
     // N+M restores block 0 only, so only it is split.
     ASSERT_EQ(svfExtractBraskBackupFile(BMC_FILE, N_P_M, &blocks), 0);

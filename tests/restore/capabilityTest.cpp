@@ -23,15 +23,15 @@ std::string bytesOf(const INI_BMC_CAPABILITY_T& c) {
 }
 
 // Extracts a block file made of `entries` as block 1 of a BMC backup.
-int extractBlock(const std::vector<EntryShape>& entries) {
-    writeBytes("/var/brask/BMC.bak-1", buildBlock(entries));
+int extractBlock(const std::vector<EntrySpec>& entries) {
+    writeBytes("/var/brask/BMC.bak-1", test::block(entries));
     char name[] = "/var/brask/BMC.bak-1";
     return svfExtractBraskArchive(BMC_FILE, name, 1);
 }
 
 TEST_F(RestoreTest, CapabilityKeepsLiveFieldsAndTakesInterfaceRevFromBackup) {
     writeFile(kCapability, bytesOf(capability("REV-A", 4)));
-    ASSERT_EQ(extractBlock({entryFor(kCapability, bytesOf(capability("REV-B", 8)))}), 0);
+    ASSERT_EQ(extractBlock({entry(kCapability, bytesOf(capability("REV-B", 8)))}), 0);
     EXPECT_EQ(readFile(kCapability), bytesOf(capability("REV-B", 4)));
 }
 
@@ -46,7 +46,7 @@ TEST_F(RestoreTest, ShortOrMissingCapabilityKeepsWhatTheArchiveWrote) {
     for (const bool present : {true, false}) {
         if (present) writeFile(kCapability, std::string(50, 'x'));
         else std::remove(kCapability);
-        ASSERT_EQ(extractBlock({entryFor(kCapability, archived)}), 0);
+        ASSERT_EQ(extractBlock({entry(kCapability, archived)}), 0);
         EXPECT_EQ(readFile(kCapability), archived) << (present ? "50-byte file" : "no file");
     }
 }

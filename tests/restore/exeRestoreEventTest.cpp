@@ -61,7 +61,7 @@ const ExeCase kExeCases[] = {
     {"NoWebBackup", kWebBmc, [] { std::remove(kWebBackup); }, 0x80, kFailed, false},
     {"BadChecksum", kWebBmc, [] { webFile(flipped(50)); }, 0x81, kFailed, true},
     {"OtherServer", kWebBmc,
-     [] { webFile(sampleBackup({.ownIdentity = false, .model = "OTHER"})); }, 0x85, kFailed, true},
+     [] { webFile(sampleBackup({.model = "OTHER"})); }, 0x85, kFailed, true},
     {"DataRev1", kWebBmc, [] { webFile(sampleBackup({.dataRev = 1})); }, 0x86, kFailed, true},
     {"EfiFile", kWebBmc, [] { webFile(sampleBackup({.fwType = EFI_FILE})); }, 0x83, kFailed, true},
     {"Version2", kWebBmc, [] { webFile(sampleBackup({.version = 2})); }, 0x87, kFailed, true},

@@ -105,6 +105,8 @@ const DeferredCase kDeferred[] = {
     {"SvpBmcNoMutex", {1, 1, 0},
      [] { hostFailCall("hslCreateMutex", 2, 1, ENOMEM); },  // the flag takes the first two
      true, 0, {}, 30, -1, 0, true},
+    // Requesters 3 to 5 have status bytes 6 to 11: F * 2 + FT names one of them.
+    {"Function4Bmc", {1, 4, 0}, [] { slotState(9, ST_PROCESSING); }, true, 0, {0x29}, 0, 9, ST_COMPLETION, true},
     {"WebBmcFlagFails", {1, 2, 0}, [] { hostFailCall("hslCreateMutex", 0, 1, ENOMEM); }, true, 0,
      {0x35}, 1, -1, 0, false},
 };

@@ -1,5 +1,7 @@
 #include "support/builders.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 
 #include "BraskSvf/svfApi.h"
@@ -24,6 +26,9 @@ EntrySpec entry(const std::string& path, std::string_view content, std::uint32_t
     e.name = path + ".bak";
     e.data = bytesOf(content);
     e.mode = mode;
+    // Owned by whoever runs the test, so that restoring the owner succeeds.
+    e.uid = static_cast<std::uint32_t>(::getuid());
+    e.gid = static_cast<std::uint32_t>(::getgid());
     return e;
 }
 
@@ -65,6 +70,8 @@ void sealBlock(Bytes& block) {
 Bytes backup(const BackupSpec& spec) {
     svfBraskBackupFileHeader_T header{};
     if (!spec.model || !spec.serial) (void)svfGetProductIdFru(&header);
+    if (spec.model) std::fill(std::begin(header.ModelNumber), std::end(header.ModelNumber), 0);
+    if (spec.serial) std::fill(std::begin(header.SerialNumber), std::end(header.SerialNumber), 0);
     if (spec.model) std::copy_n(spec.model->begin(), std::min(spec.model->size(), sizeof header.ModelNumber), header.ModelNumber);
     if (spec.serial) std::copy_n(spec.serial->begin(), std::min(spec.serial->size(), sizeof header.SerialNumber), header.SerialNumber);
     header.Version = spec.version;

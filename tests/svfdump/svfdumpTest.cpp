@@ -211,12 +211,12 @@ TEST(Svfdump, ExtractionNeverLeavesItsDirectory) {
             std::filesystem::create_directories("/tmp/dir/conf");
             std::filesystem::create_hard_link("/tmp/outside/victim", "/tmp/dir/conf/a");
         }
-        std::vector<EntryShape> entries;
-        EntryShape e;
+        std::vector<EntrySpec> entries;
+        EntrySpec e;
         e.data = {'x', '\n'};
         e.mode = 0100600;
-        for (const auto& n : c.names) entries.push_back((e.storedName = n, e));
-        writeBytes("/tmp/hostile", buildBlock(entries));
+        for (const auto& n : c.names) entries.push_back((e.name = n, e));
+        writeBytes("/tmp/hostile", test::block(entries));
         // What may change: the tool's own output files, and DIR when accepted.
         const auto unjudged = [&](const auto& kv) {
             return (c.exit == 0 && kv.first.rfind("/tmp/dir", 0) == 0) || kv.first.rfind("/tmp/tool.", 0) == 0;
@@ -240,7 +240,7 @@ TEST(Svfdump, ExtractionNeverLeavesItsDirectory) {
 // what it is, and fails when forced to be read as a backup.
 TEST(Svfdump, UsageAndUnreadableInput) {
     std::filesystem::create_directories("/tmp/folder");
-    writeBytes(kCopy, buildBlock({}));
+    writeBytes(kCopy, test::block({}));
     const struct {
         std::vector<std::string> args;
         int exit;
