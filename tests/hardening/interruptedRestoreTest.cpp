@@ -119,7 +119,7 @@ TEST(InterruptedRestore, FullConfKeepsOldOrNewBytes) {
     for (const unsigned long leaveFree : {0ul, 4096ul}) {
         SCOPED_TRACE(leaveFree);
         rewind(start, pending);
-        struct statvfs fs{};
+        struct statvfs fs {};
         ASSERT_EQ(::statvfs("/conf", &fs), 0);
         const unsigned long avail = fs.f_bavail * fs.f_bsize;
         if (avail > leaveFree) writeFile("/conf/filler", std::string(avail - leaveFree, 'f'));
@@ -128,8 +128,9 @@ TEST(InterruptedRestore, FullConfKeepsOldOrNewBytes) {
 
         EXPECT_EQ(got.result, 1);  // the web console still reboots
         EXPECT_EQ(got.sel, (std::vector<std::uint8_t>{0x35}));
-        EXPECT_EQ(linesInOrder(got.err, {"BRASK_ERR  : svfBraskArchiver(#) : fwrite fail(28)",
-                                         "BRASK_ERR  : svfIntervalAutoBackup(#) : svfExtractBraskArchiveblock fail"}),
+        EXPECT_EQ(linesInOrder(got.err,
+                               {"BRASK_ERR  : svfBraskArchiver(#) : fwrite fail(28)",
+                                "BRASK_ERR  : svfIntervalAutoBackup(#) : svfExtractBraskArchiveblock fail"}),
                   "");
         EXPECT_EQ(tornPaths(start, done, snapshotTree()), "");
     }

@@ -5,6 +5,7 @@
 #include "BraskSvf/hostPlatformControl.h"
 #include "BraskSvf/svfApi.h"
 #include "restoreTestSupport.h"
+#include "support/observe.h"
 #include "support/scenario.h"
 #include "support/tree.h"
 
@@ -28,36 +29,45 @@ struct ReaderCase {
     INT8U fwType;
     INT8U mode;
     int expected;
+    const char* err;  // the one error line, "" for none
 };
 
 constexpr INT8U kWeb = BMC_WEB_CONSOLE;
 const ReaderCase kReaderCases[] = {
-    {"Missing", nullptr, BMC_FILE, kWeb, SVF_EXTRACT_NO_FILE},
-    {"ShorterThanHeader", [] { return ByteVec(95, 0); }, BMC_FILE, kWeb, SVF_EXTRACT_NO_FILE},
-    {"FlippedHeaderByte", [] { return flipped(40); }, BMC_FILE, kWeb, SVF_EXTRACT_CHECKSUM_MISMATCH},
-    {"FlippedTableByte", [] { return flipped(100); }, BMC_FILE, kWeb, SVF_EXTRACT_CHECKSUM_MISMATCH},
+    {"Missing", nullptr, BMC_FILE, kWeb, SVF_EXTRACT_NO_FILE, "fopen fail"},
+    {"ShorterThanHeader", [] { return ByteVec(95, 0); }, BMC_FILE, kWeb, SVF_EXTRACT_NO_FILE,
+     "fread fail(2)"},
+    {"FlippedHeaderByte", [] { return flipped(40); }, BMC_FILE, kWeb, SVF_EXTRACT_CHECKSUM_MISMATCH,
+     "ChkSum not Match"},
+    {"FlippedTableByte", [] { return flipped(100); }, BMC_FILE, kWeb, SVF_EXTRACT_CHECKSUM_MISMATCH,
+     "ChkSum not Match"},
     {"FlippedBlockByte", [] { return flipped(sampleBackup().size() - 2); }, BMC_FILE, kWeb,
-     SVF_EXTRACT_CHECKSUM_MISMATCH},
-    {"Version2", [] { return sampleBackup({.version = 2}); }, BMC_FILE, kWeb, SVF_EXTRACT_UNKNOWN_FORMAT},
-    {"OtherFwType", [] { return sampleBackup(); }, EFI_FILE, kWeb, SVF_EXTRACT_FW_TYPE_MISMATCH},
-    {"FwTypeOutOfRange", [] { return sampleBackup(); }, 2, kWeb, SVF_EXTRACT_FAIL},
-    {"DataRev1Web", [] { return sampleBackup({.dataRev = 1}); }, BMC_FILE, kWeb, SVF_EXTRACT_UNKNOWN_DATA_REV},
+     SVF_EXTRACT_CHECKSUM_MISMATCH, "ChkSum UnMatch"},
+    {"Version2", [] { return sampleBackup({.version = 2}); }, BMC_FILE, kWeb, SVF_EXTRACT_UNKNOWN_FORMAT,
+     "Unknown File Format"},
+    {"OtherFwType", [] { return sampleBackup(); }, EFI_FILE, kWeb, SVF_EXTRACT_FW_TYPE_MISMATCH,
+     "FwTyep not Match"},
+    {"FwTypeOutOfRange", [] { return sampleBackup(); }, 2, kWeb, SVF_EXTRACT_FAIL, "Parameter Out Of Range"},
+    {"DataRev1Web", [] { return sampleBackup({.dataRev = 1}); }, BMC_FILE, kWeb, SVF_EXTRACT_UNKNOWN_DATA_REV,
+     "Unknown Data Rev"},
     {"DataRev1Svp", [] { return sampleBackup({.dataRev = 1}); }, BMC_FILE, SVP_CONSOL,
-     SVF_EXTRACT_UNKNOWN_DATA_REV},
-    {"DataRev1NplusM", [] { return sampleBackup({.dataRev = 1}); }, BMC_FILE, N_P_M, 0},
-    {"OtherModel", [] { return sampleBackup({.model = "OTHER-MODEL"}); },
-     BMC_FILE, kWeb, SVF_EXTRACT_IDENTITY_MISMATCH},
-    {"OtherSerial", [] { return sampleBackup({.serial = "SN9999"}); },
-     BMC_FILE, kWeb, SVF_EXTRACT_IDENTITY_MISMATCH},
-    {"OtherServerNplusM",
-     [] { return sampleBackup({.model = "OTHER", .serial = "SN9999"}); },
-     BMC_FILE, N_P_M, 0},
-    {"BlockPastEnd", [] { return withDescriptor(1, 136, 1 << 20); }, BMC_FILE, kWeb, SVF_EXTRACT_FAIL},
-    {"OffsetPastEnd", [] { return withDescriptor(1, 0x7FFFFFF0, 8); }, BMC_FILE, kWeb, SVF_EXTRACT_FAIL},
-    {"NegativeBlockSize", [] { return withDescriptor(1, 136, -1); }, BMC_FILE, kWeb, SVF_EXTRACT_FAIL},
+     SVF_EXTRACT_UNKNOWN_DATA_REV, "Unknown Data Rev"},
+    {"DataRev1NplusM", [] { return sampleBackup({.dataRev = 1}); }, BMC_FILE, N_P_M, 0, ""},
+    {"OtherModel", [] { return sampleBackup({.model = "OTHER-MODEL"}); }, BMC_FILE, kWeb,
+     SVF_EXTRACT_IDENTITY_MISMATCH, "ModelNumber Mismatch"},
+    {"OtherSerial", [] { return sampleBackup({.serial = "SN9999"}); }, BMC_FILE, kWeb,
+     SVF_EXTRACT_IDENTITY_MISMATCH, "SerialNumber Mismatch"},
+    {"OtherServerNplusM", [] { return sampleBackup({.model = "OTHER", .serial = "SN9999"}); }, BMC_FILE,
+     N_P_M, 0, ""},
+    {"BlockPastEnd", [] { return withDescriptor(1, 136, 1 << 20); }, BMC_FILE, kWeb, SVF_EXTRACT_FAIL,
+     "Block#1 descriptor rejected : data past the end"},
+    {"OffsetPastEnd", [] { return withDescriptor(1, 0x7FFFFFF0, 8); }, BMC_FILE, kWeb, SVF_EXTRACT_FAIL,
+     "Block#1 descriptor rejected : data past the end"},
+    {"NegativeBlockSize", [] { return withDescriptor(1, 136, -1); }, BMC_FILE, kWeb, SVF_EXTRACT_FAIL,
+     "Block#1 descriptor rejected : negative size"},
     // Inside the file, so split as described; its own sum then fails.
     {"BlockShorterThanItsHeader", [] { return withDescriptor(1, 136, 4); }, BMC_FILE, kWeb,
-     SVF_EXTRACT_CHECKSUM_MISMATCH},
+     SVF_EXTRACT_CHECKSUM_MISMATCH, "ChkSum UnMatch"},
 };
 
 class BackupReader : public RestoreTest, public ::testing::WithParamInterface<ReaderCase> {};
@@ -70,7 +80,9 @@ TEST_P(BackupReader, AnswersItsCodeAndLeavesConfAlone) {
     if (c.file != nullptr) writeBytes(path, c.file());
     const auto before = snapshotTree({"/conf"});
     INT8U blocks = 0xEE;
-    EXPECT_EQ(svfExtractBraskBackupFile(c.fwType, c.mode, &blocks), c.expected);
+    const Observed got = observe([&] { return long{svfExtractBraskBackupFile(c.fwType, c.mode, &blocks)}; });
+    EXPECT_EQ(got.result, c.expected);
+    EXPECT_EQ(got.err, *c.err ? std::string("BRASK_ERR  : svfBraskArchiver(#) : ") + c.err + "\n" : "");
     EXPECT_EQ(diffTrees(before, snapshotTree({"/conf"})), "");
     if (c.expected == 0) {
         EXPECT_EQ(blocks, c.mode == N_P_M ? 1 : 2);

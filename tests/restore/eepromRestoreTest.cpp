@@ -18,8 +18,7 @@ struct EepromCase {
 };
 const EepromCase kImages[] = {
     {"PostCheckCode", svfRestorePostCheckCode, "/conf/brask/PostCheckCode.dat", 0x780C},
-    {"WatchdogParameters", svfRestoreWatchdogParameters, "/conf/brask/WatchdogParameters.dat",
-     0x7804},
+    {"WatchdogParameters", svfRestoreWatchdogParameters, "/conf/brask/WatchdogParameters.dat", 0x7804},
 };
 
 ByteVec eeprom(INT32U offset, INT32U length) {
@@ -64,7 +63,7 @@ INSTANTIATE_TEST_SUITE_P(Images, EepromRestore, ::testing::ValuesIn(kImages),
                          [](const auto& p) { return std::string(p.param.name); });
 
 TEST_F(RestoreTest, OverlapBelongsToTheLaterRestore) {
-    writeBytes("/conf/brask/PostCheckCode.dat", counting(10, 0xA0));      // 0x780C..0x7815
+    writeBytes("/conf/brask/PostCheckCode.dat", counting(10, 0xA0));       // 0x780C..0x7815
     writeBytes("/conf/brask/WatchdogParameters.dat", counting(10, 0x10));  // 0x7804..0x780D
     ASSERT_EQ(svfRestorePostCheckCode(), 0);
     ASSERT_EQ(svfRestoreWatchdogParameters(), 0);

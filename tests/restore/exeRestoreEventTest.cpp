@@ -27,7 +27,7 @@ struct ExeCase {
     void (*setup)();  // after a good BmcWeb.bak is in place; may be null
     INT8U cc;
     std::vector<std::uint8_t> sel;
-    bool moved;  // BmcWeb.bak became BMC.bak
+    bool moved;                       // BmcWeb.bak became BMC.bak
     const char* stdoutEnd = nullptr;  // the output ends exactly so
 };
 
@@ -45,8 +45,7 @@ const ExeCase kExeCases[] = {
     {"FunctionOutOfRange", {1, 3, 0, 0, 0, 0}, nullptr, 0xC9, {}, false},
     {"FileTypeOutOfRange", {2, 2, 0, 0, 0, 0}, nullptr, 0xC9, {}, false},
     {"RebootPending", kWebBmc, [] { gRebootAfterRestoreTimer = 30; }, 0xD5, kFailed, false},
-    {"RestorePendingSvp", {1, 1, 0, 0, 0, 0}, [] { gKillProcessAfterFileChkTimer = 3; }, 0xD5, {},
-     false},
+    {"RestorePendingSvp", {1, 1, 0, 0, 0, 0}, [] { gKillProcessAfterFileChkTimer = 3; }, 0xD5, {}, false},
     {"OtherEventActive", kWebBmc,
      [] {
          hslSemiVolatileArea_T area{};
@@ -56,12 +55,11 @@ const ExeCase kExeCases[] = {
      },
      0xD5, kFailed, false},
     {"FirmwareUpdate", kWebBmc, [] { hostSetFwUpdateState(3); }, 0x80, {0x05}, false},
-    {"NoSemaphore", kWebBmc, [] { hostFailCall("hslAcquireSysvSemaphore", 0, 1, EIDRM); }, 0x88,
-     kFailed, false},
+    {"NoSemaphore", kWebBmc, [] { hostFailCall("hslAcquireSysvSemaphore", 0, 1, EIDRM); }, 0x88, kFailed,
+     false},
     {"NoWebBackup", kWebBmc, [] { std::remove(kWebBackup); }, 0x80, kFailed, false},
     {"BadChecksum", kWebBmc, [] { webFile(flipped(50)); }, 0x81, kFailed, true},
-    {"OtherServer", kWebBmc,
-     [] { webFile(sampleBackup({.model = "OTHER"})); }, 0x85, kFailed, true},
+    {"OtherServer", kWebBmc, [] { webFile(sampleBackup({.model = "OTHER"})); }, 0x85, kFailed, true},
     {"DataRev1", kWebBmc, [] { webFile(sampleBackup({.dataRev = 1})); }, 0x86, kFailed, true},
     {"EfiFile", kWebBmc, [] { webFile(sampleBackup({.fwType = EFI_FILE})); }, 0x83, kFailed, true},
     {"Version2", kWebBmc, [] { webFile(sampleBackup({.version = 2})); }, 0x87, kFailed, true},

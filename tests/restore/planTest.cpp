@@ -1,6 +1,9 @@
-// The restore preview against the restore itself: for each tree, what the
-// preview says every file of /conf will hold afterwards (content, mode,
-// owner, or gone) is what the web-console restore then leaves, file by file.
+// The round trip through the web console (backup, /conf changed, restore,
+// the tick runs the deferred part and reboots), and the restore preview
+// against it: for each tree, what the preview says every file of /conf
+// will hold afterwards (content, mode, owner, or gone) is what the restore
+// leaves, file by file; where the backup is the one just taken, that is
+// the backed-up /conf again.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -10,6 +13,7 @@
 #include "BraskSvf/svfApi.h"
 #include "common/paths.h"
 #include "restorePreview.h"
+#include "restoreTestSupport.h"
 #include "support/builders.h"
 #include "support/observe.h"
 #include "support/sandbox.h"
@@ -26,7 +30,8 @@ constexpr char kAdded[] = "/conf/brask/bum_home/bmcuser11/sshpubkey4";  // a del
 Tree filesOf(const Tree& tree) {
     Tree files;
     for (const auto& [path, node] : tree) {
-        if (S_ISREG(node.mode) && path != paths::kTraceFile) files.emplace(path, Node{S_IFREG | (node.mode & 07777), node.uid, node.gid, node.content});
+        if (S_ISREG(node.mode) && path != paths::kTraceFile)
+            files.emplace(path, Node{S_IFREG | (node.mode & 07777), node.uid, node.gid, node.content});
     }
     return files;
 }
@@ -41,7 +46,8 @@ Tree predicted(const preview::Preview& p, const preview::PreviewTree& tree, cons
         const plan::LiveFile f = tree.lookup(path.c_str());
         if (f.kind != plan::LiveFile::Kind::Regular) continue;
         const auto content = tree.read(path).value_or(std::vector<std::uint8_t>{});
-        files.emplace(path, Node{S_IFREG | (f.mode & 07777), f.uid, f.gid, std::string(content.begin(), content.end())});
+        files.emplace(path, Node{S_IFREG | (f.mode & 07777), f.uid, f.gid,
+                                 std::string(content.begin(), content.end())});
     }
     return files;
 }
@@ -51,24 +57,31 @@ struct PlanCase {
     std::function<void()> afterBackup;  // the tree the restore finds
     bool maintenance = false;
     std::function<Bytes()> backupFile = nullptr;  // none: the web backup just taken
+    bool backToBackup = false;                    // the restore gives back the backed-up /conf
 };
 
 void PrintTo(const PlanCase& c, std::ostream* os) { *os << c.name; }
 
 const PlanCase kCases[] = {
-    {"identical", [] {}},
-    {"changed", [] {
+    {"identical", [] {}, false, nullptr, true},
+    {"changed",
+     [] {
          writeFile("/conf/resolv.conf", "nameserver 198.51.100.7\n");
          (void)::chmod("/conf/hosts", 0600);
-     }},
-    {"new and missing", [] {
+     },
+     false, nullptr, true},
+    {"new and missing",
+     [] {
          writeFile(kAdded, "ssh-ed25519 AAAA added\n");
          (void)std::remove("/conf/passwd");
-     }},
+     },
+     false, nullptr, true},
     {"maintenance", [] { writeFile("/conf/interfaces", "iface eth0 inet dhcp\n"); }, true},
-    {"unknown entries", [] {}, false, [] {
-         return backup({.blocks = {block({}), block({entry("/conf/resolv.conf", "nameserver 192.0.2.9\n", 0100640),
-                                                     entry("/conf/nowhere.conf", "not catalogued\n")})}});
+    {"unknown entries", [] {}, false,
+     [] {
+         return backup(
+             {.blocks = {block({}), block({entry("/conf/resolv.conf", "nameserver 192.0.2.9\n", 0100640),
+                                           entry("/conf/nowhere.conf", "not catalogued\n")})}});
      }},
     {"PMConfig absent", [] { (void)std::remove("/conf/BMC1/PMConfig.dat"); }},
     {"PMConfig changed", [] { writeFile("/conf/BMC1/PMConfig.dat", std::string(64, 'x')); }},
@@ -84,6 +97,7 @@ TEST_P(PlanEqualsRestore, FileByFile) {
     ASSERT_EQ(svfOEMSetBackupEvent(req, 6, res, 0), 1);
     ASSERT_EQ(res[0], 0x00);
     if (c.backupFile) writeBytes(paths::kBmcWebBackupFile, c.backupFile());
+    const Tree backedUp = filesOf(snapshotTree({"/conf"}));
     c.afterBackup();
     hostSetMaintenanceMode(c.maintenance ? 1 : 0);
 
@@ -100,19 +114,26 @@ TEST_P(PlanEqualsRestore, FileByFile) {
 
     const Observed restored = observe([&] {
         (void)svfOEMExeRestoreEvent(req, 6, res, 0);
-        svfRestoreConfigFile();
+        EXPECT_TRUE(waitForCommand("kvm_servers stop"));  // from a child of the handler
+        for (int tick = 0; tick < 10; ++tick) svfRestoreTimer();
         return long{res[0]};
     });
     ASSERT_EQ(restored.result, 0x00) << restored.err;
-    EXPECT_EQ(diffTrees(expected, filesOf(snapshotTree({"/conf"}))), "");
+    const Tree after = filesOf(snapshotTree({"/conf"}));
+    EXPECT_EQ(diffTrees(expected, after), "");
+    if (c.backToBackup) EXPECT_EQ(diffTrees(backedUp, after), "");
+    EXPECT_EQ(restored.sel, (std::vector<std::uint8_t>{0x05, 0x25}));
+    EXPECT_EQ(linesInOrder(restored.commands,
+                           {"kvm_servers stop", "webgo stop", "inetd stop", "ssh stop", "reboot"}),
+              "");
+    EXPECT_EQ(gKillProcessAfterFileChkTimer + gRebootAfterRestoreTimer, 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Trees, PlanEqualsRestore, ::testing::ValuesIn(kCases),
-                         [](const auto& p) {
-                             std::string n = p.param.name;
-                             for (char& ch : n) ch = std::isalnum(static_cast<unsigned char>(ch)) ? ch : '_';
-                             return n;
-                         });
+INSTANTIATE_TEST_SUITE_P(Trees, PlanEqualsRestore, ::testing::ValuesIn(kCases), [](const auto& p) {
+    std::string n = p.param.name;
+    for (char& ch : n) ch = std::isalnum(static_cast<unsigned char>(ch)) ? ch : '_';
+    return n;
+});
 
 }  // namespace
 }  // namespace brask::test

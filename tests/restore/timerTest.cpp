@@ -51,8 +51,8 @@ TEST_F(RestoreTest, RestoreAndRebootRunOnTheirTicks) {
             }
         }
         const std::string out = ::testing::internal::GetCapturedStdout();
-        EXPECT_TRUE(inOrder(out, {"gKillProcessAfterFileChkTimer = 1\n",
-                                  "gRebootAfterRestoreTimer = 1\n", "Reboot After Restore"}))
+        EXPECT_TRUE(inOrder(out, {"gKillProcessAfterFileChkTimer = 1\n", "gRebootAfterRestoreTimer = 1\n",
+                                  "Reboot After Restore"}))
             << out;
     }
 }
@@ -79,10 +79,10 @@ struct DeferredCase {
     svfRestoreType_T pending;
     std::function<void()> setup;
     bool stopsServices;
-    INT8U flagAfter;                      // the restore flag of the file type afterwards
+    INT8U flagAfter;  // the restore flag of the file type afterwards
     std::vector<std::uint8_t> sel;
-    INT8U reboot;                         // countdown afterwards
-    int slot;                             // status slot to check, -1 none
+    INT8U reboot;  // countdown afterwards
+    int slot;      // status slot to check, -1 none
     INT8U slotAfter;
     bool timeApplied;
 };
@@ -97,18 +97,58 @@ const DeferredCase kDeferred[] = {
     {"WebBmcSuccess", {1, 2, 0}, [] {}, true, 0, {0x25}, 1, 5, ST_NOTHING, true},
     {"WebBmcUnpackFails", {1, 2, 1}, [] {}, true, 1, {0x35}, 1, -1, 0, false},
     {"WebEfi", {0, 2, 0}, [] {}, false, 0, {0x24}, 0, -1, 0, true},
-    {"SvpBmcProcessing", {1, 1, 0}, [] { slotState(3, ST_PROCESSING); }, true, 0, {0x23}, 30, 3,
-     ST_COMPLETION, true},
+    {"SvpBmcProcessing",
+     {1, 1, 0},
+     [] { slotState(3, ST_PROCESSING); },
+     true,
+     0,
+     {0x23},
+     30,
+     3,
+     ST_COMPLETION,
+     true},
     {"SvpBmcNotStarted", {1, 1, 0}, [] {}, true, 0, {0x23}, 30, 3, ST_FAIL, true},
-    {"NplusMBmc", {1, 0, 0}, [] { slotState(1, ST_PROCESSING); }, false, 0, {0x21}, 0, 1,
-     ST_COMPLETION, true},
-    {"SvpBmcNoMutex", {1, 1, 0},
+    {"NplusMBmc",
+     {1, 0, 0},
+     [] { slotState(1, ST_PROCESSING); },
+     false,
+     0,
+     {0x21},
+     0,
+     1,
+     ST_COMPLETION,
+     true},
+    {"SvpBmcNoMutex",
+     {1, 1, 0},
      [] { hostFailCall("hslCreateMutex", 2, 1, ENOMEM); },  // the flag takes the first two
-     true, 0, {}, 30, -1, 0, true},
+     true,
+     0,
+     {},
+     30,
+     -1,
+     0,
+     true},
     // Requesters 3 to 5 have status bytes 6 to 11: F * 2 + FT names one of them.
-    {"Function4Bmc", {1, 4, 0}, [] { slotState(9, ST_PROCESSING); }, true, 0, {0x29}, 0, 9, ST_COMPLETION, true},
-    {"WebBmcFlagFails", {1, 2, 0}, [] { hostFailCall("hslCreateMutex", 0, 1, ENOMEM); }, true, 0,
-     {0x35}, 1, -1, 0, false},
+    {"Function4Bmc",
+     {1, 4, 0},
+     [] { slotState(9, ST_PROCESSING); },
+     true,
+     0,
+     {0x29},
+     0,
+     9,
+     ST_COMPLETION,
+     true},
+    {"WebBmcFlagFails",
+     {1, 2, 0},
+     [] { hostFailCall("hslCreateMutex", 0, 1, ENOMEM); },
+     true,
+     0,
+     {0x35},
+     1,
+     -1,
+     0,
+     false},
 };
 
 // By name: gtest would otherwise print the record's bytes, padding included.
@@ -128,8 +168,7 @@ TEST_P(DeferredRestore, FollowsItsPath) {
               c.stopsServices ? 3 : 0);
     EXPECT_EQ(inOrder(log, {"webgo stop", "inetd stop", "ssh stop"}), c.stopsServices) << log;
     const hslSemiVolatileArea_T a = area();
-    EXPECT_EQ(c.pending.FileType == BMC_FILE ? a.svfAutoBack.BmcRestoreFlag
-                                             : a.svfAutoBack.EfiRestoreFlag,
+    EXPECT_EQ(c.pending.FileType == BMC_FILE ? a.svfAutoBack.BmcRestoreFlag : a.svfAutoBack.EfiRestoreFlag,
               c.flagAfter);
     EXPECT_EQ(selEvents(), c.sel);
     EXPECT_EQ(gRebootAfterRestoreTimer, c.reboot);
