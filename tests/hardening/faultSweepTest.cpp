@@ -16,24 +16,34 @@
 #include <string>
 #include <vector>
 
+#include <fstream>
+#include <map>
+#include <memory>
+#include <set>
+#include <sstream>
+
 #include "BraskSvf/hostPlatformControl.h"
 #include "BraskSvf/svfApi.h"
 #include "hardeningSupport.h"
+#include "support/interpose.h"
 #include "support/sandbox.h"
+#include "support/transcript.h"
+#include "support/tree.h"
 
 namespace brask::test {
 namespace {
 
-constexpr const char* kPlatformCalls[] = {
-    "API_ExecuteCmd",          "hslCreateMutex",          "hslAcquireMutex",
-    "hslReleaseMutex",         "hslDestroyMutex",         "hslGetSemiVolatileArea",
-    "hslFreeSemiVolatileArea", "hslAcquireSysvSemaphore", "hslReleaseSysvSemaphore",
-    "hslAddSEL",               "hslChkMakeFile",          "brask_ReadWriteEEPROM"};
-const std::vector<std::string> kLockCalls = {"hslCreateMutex",  "hslAcquireMutex",
+constexpr const char* kPlatformCalls[] = {"API_ExecuteCmd",          "hslCreateMutex",
+                                          "hslAcquireMutex",         "hslReleaseMutex",
+                                          "hslDestroyMutex",         "hslGetSemiVolatileArea",
+                                          "hslFreeSemiVolatileArea", "hslAcquireSysvSemaphore",
+                                          "hslReleaseSysvSemaphore", "hslAddSEL",
+                                          "hslChkMakeFile",          "brask_ReadWriteEEPROM"};
+const std::vector<std::string> kLockCalls = {"hslCreateMutex",         "hslAcquireMutex",
                                              "hslGetSemiVolatileArea", "hslFreeSemiVolatileArea",
-                                             "hslReleaseMutex", "hslDestroyMutex"};
-const std::vector<std::string> kGiveBack = {"hslFreeSemiVolatileArea", "hslReleaseMutex",
-                                            "hslDestroyMutex", "hslReleaseSysvSemaphore"};
+                                             "hslReleaseMutex",        "hslDestroyMutex"};
+const std::vector<std::string> kGiveBack = {"hslFreeSemiVolatileArea", "hslReleaseMutex", "hslDestroyMutex",
+                                            "hslReleaseSysvSemaphore"};
 
 bool in(const std::vector<std::string>& set, const std::string& fn) {
     return std::find(set.begin(), set.end(), fn) != set.end();
@@ -88,8 +98,12 @@ bool swept(int i, int calls) { return calls <= 6 || i < 2 || i >= calls - 2 || i
 void expectOutcome(const Outcome& got, const Expect& want) {
     EXPECT_EQ(got.code, want.code);
     EXPECT_EQ(got.sel, want.sel);
-    if (want.slot >= 0) { EXPECT_EQ(got.slot, want.slot); }
-    if (want.restoreFlag >= 0) { EXPECT_EQ(got.restoreFlag, want.restoreFlag); }
+    if (want.slot >= 0) {
+        EXPECT_EQ(got.slot, want.slot);
+    }
+    if (want.restoreFlag >= 0) {
+        EXPECT_EQ(got.restoreFlag, want.restoreFlag);
+    }
 }
 
 // One injected failure.
@@ -97,8 +111,8 @@ struct Fault {
     enum Kind { Once, Late, Always, IpmiCode };
     std::string fn;  // the platform function whose rules apply
     Kind kind = Once;
-    int index = 0;   // which call of the function (or of the IPMI command)
-    int calls = 0;   // how many the clean run made
+    int index = 0;  // which call of the function (or of the IPMI command)
+    int calls = 0;  // how many the clean run made
     INT8U cmd = 0;
 
     std::string label() const {
@@ -107,14 +121,20 @@ struct Fault {
         std::snprintf(who, sizeof who, "IPMI command 0x%02X", cmd);
         return (kind == IpmiCode ? who : fn) + " call " + std::to_string(index + 1) + " of " +
                std::to_string(calls) +
-               (kind == Once ? " fails" : kind == Late ? " reports failure" : " answers 0xC0");
+               (kind == Once   ? " fails"
+                : kind == Late ? " reports failure"
+                               : " answers 0xC0");
     }
     int inject() const {
         switch (kind) {
-            case Once: return hostFailCall(fn.c_str(), index, 1, EIO);
-            case Late: return hostFailCallLate(fn.c_str(), index, 1, EIO);
-            case Always: return hostFailCall(fn.c_str(), 0, 1 << 20, EIO);
-            case IpmiCode: return hostIpmiFailCmd(cmd, index, 1, 0xC0);
+            case Once:
+                return hostFailCall(fn.c_str(), index, 1, EIO);
+            case Late:
+                return hostFailCallLate(fn.c_str(), index, 1, EIO);
+            case Always:
+                return hostFailCall(fn.c_str(), 0, 1 << 20, EIO);
+            case IpmiCode:
+                return hostIpmiFailCmd(cmd, index, 1, 0xC0);
         }
         return -1;
     }
@@ -134,7 +154,9 @@ Outcome runChecked(const Flow& flow, const Fault* fault) {
     resetState();
     flow.prepare();
     hostResetCounters();
-    if (fault != nullptr) { EXPECT_EQ(fault->inject(), 0); }
+    if (fault != nullptr) {
+        EXPECT_EQ(fault->inject(), 0);
+    }
     const Held before = heldNow();
     const Outcome got = flow.run();
     hostResetFaults();
@@ -155,7 +177,8 @@ std::vector<Fault> faultsFor(const Flow& flow) {
             if (swept(index, calls) && (flow.onlyCall < 0 || index == flow.onlyCall))
                 faults.push_back({fn, in(kGiveBack, fn) ? Fault::Late : Fault::Once, index, calls});
         }
-        if (fn == "API_ExecuteCmd" || fn == "brask_ReadWriteEEPROM") faults.push_back({fn, Fault::Always, 0, calls});
+        if (fn == "API_ExecuteCmd" || fn == "brask_ReadWriteEEPROM")
+            faults.push_back({fn, Fault::Always, 0, calls});
         if (fn != "API_ExecuteCmd") continue;
         for (INT8U cmd : {0x10, 0x11, 0x12, 0x48}) {
             const int requests = hostIpmiCommandCount(cmd);
@@ -239,6 +262,122 @@ INSTANTIATE_TEST_SUITE_P(Flows, FaultSweep, ::testing::ValuesIn(flows()), [](con
     std::replace(name.begin(), name.end(), '.', '_');
     return name;
 });
+
+// ---- C library faults ----------------------------------------------------------
+// Each call a flow makes under /conf or /var/brask, of each kind, and each
+// command it runs, fails in turn with EIO: the first, middle and last of
+// each kind.  What each run answers, the SEL entries it writes and
+// the error lines it prints, in order, are compared with ioFaults.txt: the
+// reviewed record of how every I/O failure is reported.  Nothing may be
+// held afterwards, and no restore temporary left behind.
+struct IoFlow {
+    const char* name;
+    void (*prepare)();
+    Outcome (*run)();
+};
+const IoFlow kIoFlows[] = {
+    {"SetBackupEvent", prepareBackupSource, setBackup},
+    {"ExeRestoreEvent", prepareRestoreSource, exeRestore},
+    {"RestoreConfigFile", [] { preparePendingRestore(BMC_WEB_CONSOLE); }, restoreConfigFile},
+};
+constexpr Call kIoCalls[] = {Call::Fopen,  Call::Fread,  Call::Fwrite, Call::Fseek,  Call::Ftell,
+                             Call::Fflush, Call::Fclose, Call::Open,   Call::Write,  Call::Fsync,
+                             Call::Syncfs, Call::Stat,   Call::Lstat,  Call::Fstat,  Call::Mmap,
+                             Call::Chmod,  Call::Fchmod, Call::Chown,  Call::Fchown, Call::Rename,
+                             Call::Unlink, Call::System};
+// The library's own folders; a command matches by its text.
+std::vector<const char*> prefixesOf(Call call) {
+    if (call == Call::System) return {""};
+    return {"/conf", "/var/brask"};
+}
+
+std::string errorLines(const std::string& output) {
+    std::string out;
+    for (const std::string& line : lines(maskLineNumbers(output))) {
+        if (line.rfind("BRASK_ERR", 0) == 0) out += " | " + line.substr(line.find(") : ") + 4);
+    }
+    return out;
+}
+
+std::string sel(const SelCodes& codes) {
+    std::string out;
+    for (std::uint8_t c : codes) {
+        char hex[4];
+        std::snprintf(hex, sizeof hex, " %02X", c);
+        out += hex;
+    }
+    return out;
+}
+
+bool temporaryLeft() {
+    for (const auto& [path, node] : snapshotTree({"/conf"})) {
+        if (path.ends_with(".svf-new")) return true;
+    }
+    return false;
+}
+
+struct IoPoint {
+    Call call;
+    const char* prefix;
+    int calls = 0;  // how many a clean run makes
+};
+
+// How many calls of each kind a clean run of the flow makes, counted by
+// unarmed faults, as many at once as can be armed.
+std::vector<IoPoint> ioPoints(const IoFlow& flow) {
+    std::vector<IoPoint> points;
+    for (const Call call : kIoCalls) {
+        for (const char* prefix : prefixesOf(call)) points.push_back({call, prefix});
+    }
+    constexpr std::size_t kArmed = 8;
+    for (std::size_t at = 0; at < points.size(); at += kArmed) {
+        resetState();
+        flow.prepare();
+        std::vector<std::unique_ptr<FailCall>> counters;
+        for (std::size_t i = at; i < std::min(at + kArmed, points.size()); ++i)
+            counters.push_back(std::make_unique<FailCall>(points[i].call, 0, points[i].prefix, 1 << 30));
+        (void)flow.run();
+        for (std::size_t i = 0; i < counters.size(); ++i) points[at + i].calls = counters[i]->matched();
+    }
+    return points;
+}
+
+TEST(IoFaultSweep, EachCallOnAPathFailingInTurn) {
+    std::string record;
+    for (const IoFlow& flow : kIoFlows) {
+        for (const IoPoint& point : ioPoints(flow)) {
+            // The first, the middle and the last call of each kind; calls
+            // that fail alike share a line.
+            std::map<std::string, std::string> calls;  // outcome -> which calls
+            for (const int i : std::set<int>{0, point.calls / 2, point.calls - 1}) {
+                if (i < 0 || i >= point.calls) continue;
+                SCOPED_TRACE(std::string(flow.name) + " " + callName(point.call) + " " +
+                             std::to_string(i + 1));
+                resetState();
+                flow.prepare();
+                const Held before = heldNow();
+                Outcome got;
+                {
+                    const FailCall fault(point.call, EIO, point.prefix, i + 1);
+                    got = flow.run();
+                }
+                expectNothingHeld(before);
+                EXPECT_FALSE(temporaryLeft());
+                std::string& which =
+                    calls[std::to_string(got.code) + "," + sel(got.sel) + errorLines(got.output)];
+                which += (which.empty() ? "" : ",") + std::to_string(i + 1);
+            }
+            for (const auto& [outcome, which] : calls) {
+                record += std::string(flow.name) + " " + callName(point.call) + " " + point.prefix + " " +
+                          which + "/" + std::to_string(point.calls) + ": " + outcome + "\n";
+            }
+        }
+    }
+    std::ifstream in(BRASK_TEST_SOURCE_DIR "/tests/hardening/ioFaults.txt");
+    std::stringstream expected;
+    expected << in.rdbuf();
+    EXPECT_EQ(expected.str(), record) << "the whole record, to review and keep as ioFaults.txt:\n" << record;
+}
 
 }  // namespace
 }  // namespace brask::test

@@ -114,8 +114,9 @@ Outcome restoreConfigFile() {
     o.code = gRebootAfterRestoreTimer;
     hslSemiVolatileArea_T area{};
     if (hostSemiVolRead(&area) == 0) {
-        o.slot = area.svf.svfStatusList[slotIndex(EventKind::Restore, gRestoreType.Function,
-                                                  gRestoreType.FileType)];
+        o.slot =
+            area.svf
+                .svfStatusList[slotIndex(EventKind::Restore, gRestoreType.Function, gRestoreType.FileType)];
         o.restoreFlag = area.svfAutoBack.BmcRestoreFlag;
     }
     return o;
@@ -124,13 +125,17 @@ Outcome restoreConfigFile() {
 void prepareBackupSource() { populateConf({.optionalFiles = true, .backupCopies = true}); }
 
 void prepareRestoreSource() {
-    populateConf();
     static std::vector<std::uint8_t> bytes;  // made once by a real backup
-    if (!bytes.empty()) return writeBytes(paths::kBmcWebBackupFile, bytes);
-    ASSERT_EQ(setBackup().code, 0x00) << "the backup the restore cases start from failed";
-    bytes = readBytes(paths::kBmcWebBackupFile);
-    ASSERT_FALSE(bytes.empty());
-    (void)hostSelClear();
+    if (bytes.empty()) {
+        populateConf();
+        ASSERT_EQ(setBackup().code, 0x00) << "the backup the restore cases start from failed";
+        bytes = readBytes(paths::kBmcWebBackupFile);
+        ASSERT_FALSE(bytes.empty());
+        // The same start whether or not this call made the backup.
+        resetState();
+    }
+    populateConf();
+    writeBytes(paths::kBmcWebBackupFile, bytes);
 }
 
 void preparePendingRestore(INT8U function) {
@@ -186,7 +191,8 @@ std::string checkTraceRing(std::uint32_t notBefore, int& records) {
         const std::string where = "record " + std::to_string(slot) + ": ";
         const std::uint32_t when = r[24] | r[25] << 8 | r[26] << 16 | static_cast<std::uint32_t>(r[27]) << 24;
         if (when == 0) {
-            if (std::any_of(r, r + 24, [](std::uint8_t b) { return b != 0; })) return where + "no time but data";
+            if (std::any_of(r, r + 24, [](std::uint8_t b) { return b != 0; }))
+                return where + "no time but data";
             continue;
         }
         ++written;
@@ -201,7 +207,8 @@ std::string checkTraceRing(std::uint32_t notBefore, int& records) {
         const std::uint8_t* res = r + 16;
         if (std::memcmp(res + 4, r + 12, 4) != 0) return where + "response bytes 4..7 differ";
         if (res[0] == 0x80) {
-            if (anyEvent || res[1] != 0 || res[2] != 0 || res[3] != 0) return where + "'no event' beside an event";
+            if (anyEvent || res[1] != 0 || res[2] != 0 || res[3] != 0)
+                return where + "'no event' beside an event";
         } else if (res[0] == 0x00) {
             const unsigned kind = res[1] >> 4;
             if (!anyEvent || kind > 1 || res[2] > 1 || res[3] > 2) return where + "bad event";
