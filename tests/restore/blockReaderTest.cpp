@@ -237,7 +237,9 @@ TEST(BlockReader, EachRowRestoresOrRefusesAsItSays) {
             ASSERT_EQ(it != now.end(), f.content.has_value()) << f.path;
             if (!f.content) continue;
             EXPECT_EQ(it->second.content, *f.content) << f.path;
-            if (f.mode != 0) EXPECT_EQ(it->second.mode & 07777, f.mode) << f.path;
+            if (f.mode != 0) {
+                EXPECT_EQ(it->second.mode & 07777, f.mode) << f.path;
+            }
         }
         for (const std::string& path : changedPaths(before, now)) {
             EXPECT_TRUE(listed.count(path)) << "unexpected change: " << path;
@@ -264,7 +266,9 @@ TEST(BlockReader, DeleteFirstRowsAreRemovedUnlessTheBlockCarriesThem) {
     ASSERT_EQ(svfExtractBraskArchive(BMC_FILE, block1, 1), 0);
     for (const auto& p : doomed) {
         EXPECT_EQ(exists(p), kept.count(p) == 1) << p;
-        if (kept.count(p)) EXPECT_EQ(readFile(p), "archived " + p);
+        if (kept.count(p)) {
+            EXPECT_EQ(readFile(p), "archived " + p);
+        }
     }
 }
 

@@ -121,7 +121,9 @@ TEST_P(PlanEqualsRestore, FileByFile) {
     ASSERT_EQ(restored.result, 0x00) << restored.err;
     const Tree after = filesOf(snapshotTree({"/conf"}));
     EXPECT_EQ(diffTrees(expected, after), "");
-    if (c.backToBackup) EXPECT_EQ(diffTrees(backedUp, after), "");
+    if (c.backToBackup) {
+        EXPECT_EQ(diffTrees(backedUp, after), "");
+    }
     EXPECT_EQ(restored.sel, (std::vector<std::uint8_t>{0x05, 0x25}));
     EXPECT_EQ(linesInOrder(restored.commands,
                            {"kvm_servers stop", "webgo stop", "inetd stop", "ssh stop", "reboot"}),
