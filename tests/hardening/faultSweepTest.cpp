@@ -291,11 +291,9 @@ std::vector<const char*> prefixesOf(Call call) {
     return {"/conf", "/var/brask"};
 }
 
-std::string errorLines(const std::string& output) {
+std::string errorsOf(const std::string& output) {
     std::string out;
-    for (const std::string& line : lines(maskLineNumbers(output))) {
-        if (line.rfind("BRASK_ERR", 0) == 0) out += " | " + line.substr(line.find(") : ") + 4);
-    }
+    for (const std::string& line : errorLines(output)) out += " | " + line.substr(line.find(" : ") + 3);
     return out;
 }
 
@@ -364,7 +362,7 @@ TEST(IoFaultSweep, EachCallOnAPathFailingInTurn) {
                 expectNothingHeld(before);
                 EXPECT_FALSE(temporaryLeft());
                 std::string& which =
-                    calls[std::to_string(got.code) + "," + sel(got.sel) + errorLines(got.output)];
+                    calls[std::to_string(got.code) + "," + sel(got.sel) + errorsOf(got.output)];
                 which += (which.empty() ? "" : ",") + std::to_string(i + 1);
             }
             for (const auto& [outcome, which] : calls) {

@@ -11,8 +11,10 @@
 #include "command/exeRestoreEvent.h"
 #include "command/kvmStopChild.h"
 #include "restoreTestSupport.h"
+#include "support/observe.h"
 #include "support/sandbox.h"
 #include "support/scenario.h"
+#include "support/transcript.h"
 #include "support/tree.h"
 
 namespace brask::test {
@@ -27,8 +29,9 @@ struct ExeCase {
     void (*setup)();  // after a good BmcWeb.bak is in place; may be null
     INT8U cc;
     std::vector<std::uint8_t> sel;
-    bool moved;                       // BmcWeb.bak became BMC.bak
-    const char* stdoutEnd = nullptr;  // the output ends exactly so
+    bool moved;                         // BmcWeb.bak became BMC.bak
+    std::vector<std::string> err = {};  // the error lines, in order
+    const char* stdoutEnd = nullptr;    // the output ends exactly so
 };
 
 const std::vector<std::uint8_t> kWebBmc = {1, 2, 0, 0, 0, 0};
@@ -37,33 +40,103 @@ const std::vector<std::uint8_t> kFailed = {0x05, 0x35};  // started, then failed
 void webFile(const ByteVec& f) { writeBytes(kWebBackup, f); }
 
 const ExeCase kExeCases[] = {
-    {"ShortRequest", {1, 2, 0, 0, 0}, nullptr, 0xC7, {}, false},
+    {"ShortRequest",
+     {1, 2, 0, 0, 0},
+     nullptr,
+     0xC7,
+     {},
+     false,
+     {"svfOEMExeRestoreEvent(#) : Request Length Error(5)"}},
     {"EfiAnyFunction", {0, 9, 0, 0, 0, 0}, nullptr, 0x00, {}, false},
     // "Non Check" is the one line printed with no line end.
-    {"NplusM", {1, 0, 0, 0, 0, 0}, nullptr, 0x00, {}, false, "Function == N_P_M\n"},
-    {"SvpConsole", {1, 1, 0, 0, 0, 0}, nullptr, 0x00, {}, false, "Function == SVP_CONSOL\n"},
+    {"NplusM", {1, 0, 0, 0, 0, 0}, nullptr, 0x00, {}, false, {}, "Function == N_P_M\n"},
+    {"SvpConsole", {1, 1, 0, 0, 0, 0}, nullptr, 0x00, {}, false, {}, "Function == SVP_CONSOL\n"},
     {"FunctionOutOfRange", {1, 3, 0, 0, 0, 0}, nullptr, 0xC9, {}, false},
     {"FileTypeOutOfRange", {2, 2, 0, 0, 0, 0}, nullptr, 0xC9, {}, false},
-    {"RebootPending", kWebBmc, [] { gRebootAfterRestoreTimer = 30; }, 0xD5, kFailed, false},
-    {"RestorePendingSvp", {1, 1, 0, 0, 0, 0}, [] { gKillProcessAfterFileChkTimer = 3; }, 0xD5, {}, false},
-    {"OtherEventActive", kWebBmc,
+    {"RebootPending",
+     kWebBmc,
+     [] { gRebootAfterRestoreTimer = 30; },
+     0xD5,
+     kFailed,
+     false,
+     {"svfOEMExeRestoreEvent(#) : gRebootAfterRestoreTimer != 0"}},
+    {"RestorePendingSvp",
+     {1, 1, 0, 0, 0, 0},
+     [] { gKillProcessAfterFileChkTimer = 3; },
+     0xD5,
+     {},
+     false,
+     {"svfOEMExeRestoreEvent(#) : gRebootAfterRestoreTimer != 0"}},
+    {"OtherEventActive",
+     kWebBmc,
      [] {
          hslSemiVolatileArea_T area{};
          hostSemiVolRead(&area);
          area.svf.svfStatus.Backup.Auto.Bmc = ST_GENERATED;
          hostSemiVolWrite(&area);
      },
-     0xD5, kFailed, false},
-    {"FirmwareUpdate", kWebBmc, [] { hostSetFwUpdateState(3); }, 0x80, {0x05}, false},
-    {"NoSemaphore", kWebBmc, [] { hostFailCall("hslAcquireSysvSemaphore", 0, 1, EIDRM); }, 0x88, kFailed,
-     false},
-    {"NoWebBackup", kWebBmc, [] { std::remove(kWebBackup); }, 0x80, kFailed, false},
-    {"BadChecksum", kWebBmc, [] { webFile(flipped(50)); }, 0x81, kFailed, true},
-    {"OtherServer", kWebBmc, [] { webFile(sampleBackup({.model = "OTHER"})); }, 0x85, kFailed, true},
-    {"DataRev1", kWebBmc, [] { webFile(sampleBackup({.dataRev = 1})); }, 0x86, kFailed, true},
-    {"EfiFile", kWebBmc, [] { webFile(sampleBackup({.fwType = EFI_FILE})); }, 0x83, kFailed, true},
-    {"Version2", kWebBmc, [] { webFile(sampleBackup({.version = 2})); }, 0x87, kFailed, true},
-    {"Truncated", kWebBmc, [] { webFile(ByteVec(40, 0)); }, 0x80, kFailed, true},
+     0xD5,
+     kFailed,
+     false,
+     {"svfOEMExeRestoreEvent(#) : handle others"}},
+    {"FirmwareUpdate",
+     kWebBmc,
+     [] { hostSetFwUpdateState(3); },
+     0x80,
+     {0x05},
+     false,
+     {"svfOEMExeRestoreEvent(#) : BMC Busy. Running FwUp."}},
+    {"NoSemaphore",
+     kWebBmc,
+     [] { hostFailCall("hslAcquireSysvSemaphore", 0, 1, EIDRM); },
+     0x88,
+     kFailed,
+     false,
+     {"svfOEMExeRestoreEvent(#) : hslAcquireSysvSemaphore fail"}},
+    {"NoWebBackup", kWebBmc, [] { std::remove(kWebBackup); }, 0x80, kFailed, false,
+     {"svfOEMExeRestoreEvent(#) : system cmd fail(2)"}},
+    {"BadChecksum",
+     kWebBmc,
+     [] { webFile(flipped(50)); },
+     0x81,
+     kFailed,
+     true,
+     {"svfBraskArchiver(#) : ChkSum not Match"}},
+    {"OtherServer",
+     kWebBmc,
+     [] { webFile(sampleBackup({.model = "OTHER"})); },
+     0x85,
+     kFailed,
+     true,
+     {"svfBraskArchiver(#) : ModelNumber Mismatch"}},
+    {"DataRev1",
+     kWebBmc,
+     [] { webFile(sampleBackup({.dataRev = 1})); },
+     0x86,
+     kFailed,
+     true,
+     {"svfBraskArchiver(#) : Unknown Data Rev"}},
+    {"EfiFile",
+     kWebBmc,
+     [] { webFile(sampleBackup({.fwType = EFI_FILE})); },
+     0x83,
+     kFailed,
+     true,
+     {"svfBraskArchiver(#) : FwTyep not Match"}},
+    {"Version2",
+     kWebBmc,
+     [] { webFile(sampleBackup({.version = 2})); },
+     0x87,
+     kFailed,
+     true,
+     {"svfBraskArchiver(#) : Unknown File Format"}},
+    {"Truncated",
+     kWebBmc,
+     [] { webFile(ByteVec(40, 0)); },
+     0x80,
+     kFailed,
+     true,
+     {"svfBraskArchiver(#) : fread fail(2)"}},
 };
 
 TEST_F(RestoreTest, RefusalsAnswerTheirCodeAndChangeNoConfiguration) {
@@ -80,16 +153,15 @@ TEST_F(RestoreTest, RefusalsAnswerTheirCodeAndChangeNoConfiguration) {
 
         std::vector<std::uint8_t> req = c.request;
         INT8U res[4] = {0xEE};
-        ::testing::internal::CaptureStdout();
-        EXPECT_EQ(svfOEMExeRestoreEvent(req.data(), static_cast<INT8U>(req.size()), res, 0), 1);
-        const std::string out = ::testing::internal::GetCapturedStdout();
+        const Observed got = observe(
+            [&] { return long{svfOEMExeRestoreEvent(req.data(), static_cast<INT8U>(req.size()), res, 0)}; });
+        EXPECT_EQ(got.result, 1);
         if (c.stdoutEnd != nullptr) {
-            const std::string tail = std::string(c.stdoutEnd) + "BRASK_DEBUG  : svfOEMExeRestoreEvent(";
-            const auto at = out.rfind(tail);
-            ASSERT_NE(at, std::string::npos) << out;
-            const std::string rest = out.substr(at + tail.size());
-            EXPECT_EQ(rest.substr(rest.find(')')), ") : Non Check") << out;
+            EXPECT_TRUE(got.out.ends_with(std::string(c.stdoutEnd) +
+                                          "BRASK_DEBUG  : svfOEMExeRestoreEvent(#) : Non Check"))
+                << got.out;
         }
+        EXPECT_EQ(errorLines(got.err), c.err);
         EXPECT_EQ(res[0], c.cc);
         EXPECT_EQ(selEvents(), c.sel);
         EXPECT_EQ(exists("/var/brask/BMC.bak"), c.moved);

@@ -30,4 +30,9 @@ std::string maskLineNumbers(std::string_view text);
 // a line as well (the library prints one message that way).
 std::vector<std::string> lines(std::string_view text);
 
+// The library's error lines of `text`, line numbers masked, each without
+// its "BRASK_ERR  : " tag: "unit(#) : message".  Commands' own complaints
+// and debug lines are left out.
+std::vector<std::string> errorLines(std::string_view text);
+
 }  // namespace brask::test
