@@ -293,7 +293,7 @@ std::vector<const char*> prefixesOf(Call call) {
 
 std::string errorsOf(const std::string& output) {
     std::string out;
-    for (const std::string& line : errorLines(output)) out += " | " + line.substr(line.find(" : ") + 3);
+    for (const std::string& line : errorLines(output)) out += " | " + line.substr(line.find(") : ") + 4);
     return out;
 }
 

@@ -82,10 +82,9 @@ std::vector<std::string> lines(std::string_view text) {
 }
 
 std::vector<std::string> errorLines(std::string_view text) {
-    static constexpr std::string_view kTag = "BRASK_ERR  : ";
     std::vector<std::string> out;
     for (const std::string& line : lines(maskLineNumbers(text))) {
-        if (line.starts_with(kTag)) out.push_back(line.substr(kTag.size()));
+        if (line.starts_with("BRASK_ERR ")) out.push_back(line);
     }
     return out;
 }

@@ -30,9 +30,8 @@ std::string maskLineNumbers(std::string_view text);
 // a line as well (the library prints one message that way).
 std::vector<std::string> lines(std::string_view text);
 
-// The library's error lines of `text`, line numbers masked, each without
-// its "BRASK_ERR  : " tag: "unit(#) : message".  Commands' own complaints
-// and debug lines are left out.
+// The library's error lines of `text` (both widths of the BRASK_ERR tag),
+// line numbers masked; commands' own complaints and debug lines left out.
 std::vector<std::string> errorLines(std::string_view text);
 
 }  // namespace brask::test
