@@ -49,19 +49,7 @@ class LiveTree final : public plan::Tree {
 public:
     plan::LiveFile lookup(const char* path) const override {
         struct stat st {};
-        plan::LiveFile f;
-        if (::lstat(path, &st) != 0) return f;
-        using Kind = plan::LiveFile::Kind;
-        f.kind = S_ISREG(st.st_mode)   ? Kind::Regular
-                 : S_ISLNK(st.st_mode) ? Kind::Symlink
-                 : S_ISDIR(st.st_mode) ? Kind::Directory
-                                       : Kind::Other;
-        f.size = static_cast<std::uint64_t>(st.st_size);
-        f.mode = st.st_mode;
-        f.uid = st.st_uid;
-        f.gid = st.st_gid;
-        f.links = static_cast<std::uint32_t>(st.st_nlink);
-        return f;
+        return ::lstat(path, &st) == 0 ? plan::liveFileOf(st) : plan::LiveFile{};
     }
     bool maintenanceMode() const override { return (lanCheckMaintenanceMode() & 0xFF) != 0; }
 };

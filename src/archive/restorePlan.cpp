@@ -8,6 +8,21 @@
 #include "common/paths.h"
 
 namespace brask::plan {
+
+LiveFile liveFileOf(const struct stat& st) {
+    using Kind = LiveFile::Kind;
+    LiveFile f;
+    f.kind = S_ISREG(st.st_mode)   ? Kind::Regular
+             : S_ISLNK(st.st_mode) ? Kind::Symlink
+             : S_ISDIR(st.st_mode) ? Kind::Directory
+                                   : Kind::Other;
+    f.size = static_cast<std::uint64_t>(st.st_size);
+    f.mode = st.st_mode;
+    f.uid = st.st_uid;
+    f.gid = st.st_gid;
+    f.links = static_cast<std::uint32_t>(st.st_nlink);
+    return f;
+}
 namespace {
 
 constexpr std::string_view kBackupSuffix = ".bak";

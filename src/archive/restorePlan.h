@@ -8,6 +8,8 @@
 // catalogue, which must outlive the plan.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -31,6 +33,8 @@ struct LiveFile {
     std::uint32_t links = 0;
     bool exists() const { return kind != Kind::Missing; }
 };
+// What lstat said of a path, as a plan sees it.
+LiveFile liveFileOf(const struct stat& st);
 
 // The tree a plan is made for: the live configuration, or a copy of one.
 class Tree {

@@ -21,21 +21,6 @@ namespace paths = brask::paths;
 constexpr std::size_t kCapabilityInterfaceRev = offsetof(INI_BMC_CAPABILITY_T, InterfaceREV);
 constexpr std::size_t kCapabilityInterfaceRevSize = sizeof(INI_BMC_CAPABILITY_T::InterfaceREV);
 
-plan::LiveFile fileOf(const struct stat& st) {
-    using Kind = plan::LiveFile::Kind;
-    plan::LiveFile f;
-    f.kind = S_ISREG(st.st_mode)   ? Kind::Regular
-             : S_ISLNK(st.st_mode) ? Kind::Symlink
-             : S_ISDIR(st.st_mode) ? Kind::Directory
-                                   : Kind::Other;
-    f.size = static_cast<std::uint64_t>(st.st_size);
-    f.mode = st.st_mode;
-    f.uid = st.st_uid;
-    f.gid = st.st_gid;
-    f.links = static_cast<std::uint32_t>(st.st_nlink);
-    return f;
-}
-
 std::string text(std::string_view s) { return std::string(s.data(), s.size()); }
 
 class BlockPreview {
@@ -207,7 +192,7 @@ plan::LiveFile PreviewTree::lookup(const char* path) const {
     if (const auto it = changes_.find(path); it != changes_.end()) return it->second.file;
     struct stat st {};
     if (::lstat((root_ + path).c_str(), &st) != 0) return {};
-    return fileOf(st);
+    return plan::liveFileOf(st);
 }
 
 std::optional<std::vector<std::uint8_t>> PreviewTree::read(const std::string& path) const {
