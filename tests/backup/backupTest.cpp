@@ -64,31 +64,12 @@ int semaphoresHeld() {
     return hostCallCount("hslAcquireSysvSemaphore") - hostCallCount("hslReleaseSysvSemaphore");
 }
 
-// Twelve users in 60-byte records, as the user manager writes them, edited.
-using Edit = void (*)(bumUserInfo_t&);
-Bytes users(Edit edit = nullptr) {
-    bumUserInfo_t u{};
-    u.header = {1, 12, {0, 0}};
-    for (unsigned i = 0; i < 12; ++i) {
-        u.user[i].header.length = 60;
-        u.user[i].bmcUid = static_cast<INT8U>(i + 1);
-        u.user[i].passwdFlag = 1;
-        u.user[i].role_value = 0x100 + i;
-        std::memset(u.user[i].hashedPasswd, static_cast<int>(0x40 + i), sizeof u.user[i].hashedPasswd);
-        u.user[i].prevLogin[0] = 1700000000u + i;
-    }
-    if (edit != nullptr) edit(u);
-    const auto* raw = reinterpret_cast<const std::uint8_t*>(&u);
-    return {raw, raw + sizeof u};
+// The file at `path` with the byte at `at` flipped, or cut to `at` bytes.
+void flip(const std::string& path, std::size_t at, bool cut = false) {
+    Bytes b = readBytes(path);
+    cut ? b.resize(at) : void(b.at(at) ^= 1);
+    writeBytes(path, b);
 }
-// The active user information as `active` leaves it, its copy edited.
-void userPair(Edit copy, std::size_t activeSize = 724, std::size_t at = 0, std::uint8_t value = 0) {
-    Bytes active = users();
-    if (at != 0) active[at] = value;
-    active.resize(activeSize);
-    writeBytes(kUsers, active), writeBytes(bak(kUsers), users(copy));
-}
-void roleOf6(bumUserInfo_t& u) { u.user[6].role_value = 0; }
 
 // ---- Change detection ---------------------------------------------------------
 
@@ -137,19 +118,21 @@ const DiffRow kDiffRows[] = {
     {"copy not mappable", otherBytes, -1, "", "", kDbg + "goto ERROR", Fault{Call::Mmap, kResolv, 2}},
     {"copy not openable", [] { ::mkdir(bak(kServices).c_str(), 0755); }, -1, "", "", kDbg + bak(kServices) + " open fail"},
     {"active not openable", [] { ::symlink(kServices, kServices); }, -1, "", "", kDbg + kServices + " open fail"},
-    {"users: role", [] { userPair(roleOf6); }, 1, usersBak(372), "", kDbg + "DIFF user[6].role_value"},
-    {"users: header", [] { userPair([](bumUserInfo_t& u) { u.header.version = 2; }); }, 1, usersBak(0)},
-    {"users: record header", [] { userPair([](bumUserInfo_t& u) { u.user[2].header.reserved[1] = 1; }); }, 1, usersBak(126)},
-    {"users: uid", [] { userPair([](bumUserInfo_t& u) { u.user[4].bmcUid = 9; }); }, 1, usersBak(248)},
-    {"users: reserved", [] { userPair([](bumUserInfo_t& u) { u.user[5].reserved[0] = 1; }); }, 1, usersBak(310)},
-    {"users: hash", [] { userPair([](bumUserInfo_t& u) { u.user[11].hashedPasswd[15] = 0; }); }, 1, usersBak(691)},
-    {"users: logins", [] { userPair([](bumUserInfo_t& u) { u.user[3].passwdFlag = 0, u.user[9].prevLogin[7] = 5; }); },
-     0, "", "", kDbg + "RetVal = 0"},
-    {"users: copy cut", [] { userPair(nullptr), writeFile(bak(kUsers), "short"); }, -1, "", "", kDbg + "RetVal = -2"},
+    // The user information: three users of 60-byte records at 4, 64 and 124.
+    {"users: role", [] { flip(bak(kUsers), 72); }, 1, usersBak(72), "", kDbg + "DIFF user[1].role_value"},
+    {"users: header", [] { flip(bak(kUsers), 0); }, 1, usersBak(0)},
+    {"users: record header", [] { flip(bak(kUsers), 126); }, 1, usersBak(126)},
+    {"users: uid", [] { flip(bak(kUsers), 68); }, 1, usersBak(68)},
+    {"users: reserved", [] { flip(bak(kUsers), 10); }, 1, usersBak(10)},
+    {"users: hash", [] { flip(bak(kUsers), 151); }, 1, usersBak(151)},
+    {"users: logins", [] { flip(bak(kUsers), 9), flip(bak(kUsers), 92); }, 0, "", "", kDbg + "RetVal = 0"},
+    {"users: copy cut", [] { flip(bak(kUsers), 723, true); }, -1, "", "", kDbg + "RetVal = -2"},
     // An active file read in part is compared as read; the copy then takes it whole.
-    {"users: active cut", [] { userPair(nullptr, 100); }, 1, usersBak(100, 100),
+    {"users: active cut", [] { flip(kUsers, 100, true); }, 1, usersBak(100, 100),
      "bumReadUserInfoInternal: fread() for attr failed. Success\n"},
-    {"users: record too long", [] { userPair(nullptr, 724, 64, 61); }, 1, usersBak(64)},
+    {"users: record too long", [] { flip(kUsers, 64); }, 1, usersBak(64)},
+    {"users: active unreadable", [] { flip(bak(kUsers), 72); }, 1, usersBak(72),
+     "bumReadUserInfoInternal: fopen() failed. Input/output error\n", "", Fault{Call::Fopen, kUsers, 3}},
     {"FRU read afresh", fruPair, 1, kFruData + "changed " + bak(kFru) + kFruData.substr(33), "", kFruRet + "1"},
     {"FRU unreadable", [] { fruPair(), hostIpmiFailCmd(0x10, 0, 1, 0xC1); }, -1, "", "", kFruRet + "-1"},
     // A failure part-way leaves the rows before it refreshed and the later ones alone.
@@ -160,7 +143,7 @@ const DiffRow kDiffRows[] = {
     {"copy of a new file", newFile, -1, "", kCmdFail + kCopyFail, kDbg + "goto ERROR", kCpFails},
     {"copy after a size difference", [] { writeFile(kResolv, "#\n"); }, -1, "", kCmdFail + kCopyFail, "", kCpFails},
     // The comparer's difference stands when the copy then fails.
-    {"copy after a comparer", [] { userPair(roleOf6); }, 1, "", kCmdFail, "", kCpFails},
+    {"copy after a comparer", [] { flip(bak(kUsers), 72); }, 1, "", kCmdFail, "", kCpFails},
     {"removal", leftOver, -1, "", kArch + "system cmd fail(2)\n", kDbg + "goto ERROR", Fault{Call::System, "rm "}},
     {"EFI files", newFile, 0, "", "", kDbg + "NumOfFiles = 0", {}, EFI_FILE},
     {"unknown file type", newFile, -1, "", "", kDbg + "Unknown FileType", {}, 2},
@@ -171,8 +154,9 @@ TEST(ChangeDetection, RefreshesEveryStaleCopyAndSaysWhetherAnyWas) {
     for (const DiffRow& r : kDiffRows) {
         SCOPED_TRACE(r.name);
         resetState();
-        populateConf({.optionalFiles = false, .backupCopies = true});
-        std::remove(kFru), std::remove(bak(kFru).c_str());
+        populateConf({.backupCopies = true});
+        for (const std::string f : {kFru, kServices, kSysName})
+            std::remove(f.c_str()), std::remove(bak(f).c_str());
         ASSERT_EQ(observe([] { return svfChkBackupFileDiff(BMC_FILE); }).result, 0);
         observe([&] { return r.state(), 0L; });
         hostResetCounters();
