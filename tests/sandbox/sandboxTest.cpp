@@ -36,7 +36,7 @@ TEST(Sandbox, CaseLeavesStateBehind) {
     ASSERT_EQ(::symlink("/tmp/kept", "/var/brask/link"), 0);
     ASSERT_GE(::semget(0x5eed, 1, IPC_CREAT | 0600), 0);
     ASSERT_EQ(hslAddSEL(0, 0x80, 0x11), 0);
-    ASSERT_EQ(hostFailCall("hslAddSEL", 0, 0, EIO), 0);
+    ASSERT_EQ(hostFailCall("hslAddSEL", 0, 1000, EIO), 0);
     setFwInfo("FW_VERSION=9.99\n");
     ASSERT_EQ(std::system("reboot"), 0);
 }
