@@ -1,201 +1,199 @@
-// The sandbox itself: private state folders that every case finds fresh,
-// read-only host trees, stub services that only log, the stub /proc.
-// hostCheck.sh checks from the host side that nothing written here escapes.
+// What would let a library test pass wrongly if it broke: isolation from the
+// host, a fresh BMC for every case, locks that exclude between processes,
+// fault controls that fail exactly the call they name, and the test core's
+// call control and tree snapshots.  hostCheck.sh looks from the host side
+// that nothing written here escaped.
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/ipc.h>
-#include <sys/mman.h>
-#include <sys/mount.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <climits>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <sstream>
-#include <string>
-#include <vector>
-
-#include "common/scoped.h"
+#include "BraskSvf/hostPlatformControl.h"
+#include "BraskSvf/svfApi.h"
+#include "BraskSvf/svfPlatform.h"
+#include "support/interpose.h"
 #include "support/sandbox.h"
 #include "support/scenario.h"
+#include "support/transcript.h"
+#include "support/tree.h"
 
 namespace brask::test {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::IsSupersetOf;
-
-// Names the markers so the host-side check can look for exactly them.
-std::string token() {
+// Named so that hostCheck.sh looks for exactly these on the host.
+std::string marker(const std::string& dir) {
     const char* t = std::getenv("BRASK_HOST_CHECK_TOKEN");
-    return t != nullptr && *t != '\0' ? t : "sandbox-marker";
+    return dir + "/" + (t != nullptr ? t : "sandbox-marker");
 }
 
-std::vector<std::string> list(const std::string& dir) {
-    std::vector<std::string> names;
-    for (const auto& e : std::filesystem::directory_iterator(dir))
-        names.push_back(e.path().filename().string());
-    std::sort(names.begin(), names.end());
-    return names;
+// The first case leaves every kind of state behind; the runner's reset must
+// take all of it away before the next, following no link out of /conf and /var.
+TEST(Sandbox, CaseLeavesStateBehind) {
+    for (const char* dir : {"/conf", "/var", "/conf/brask", "/var/brask", "/tmp"})
+        writeFile(marker(dir), "x");
+    writeFile("/tmp/kept/kept", "kept");
+    ASSERT_EQ(::symlink("/tmp/kept", "/var/brask/link"), 0);
+    ASSERT_GE(::semget(0x5eed, 1, IPC_CREAT | 0600), 0);
+    ASSERT_EQ(hslAddSEL(0, 0x80, 0x11), 0);
+    ASSERT_EQ(hostFailCall("hslAddSEL", 0, 1000, EIO), 0);
+    setFwInfo("FW_VERSION=9.99\n");
+    ASSERT_EQ(std::system("reboot"), 0);
 }
 
-int shell(const std::string& command) {
-    const int status = std::system(command.c_str());
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+TEST(Sandbox, NextCaseStartsFromTheStartingTree) {
+    std::string paths;
+    for (const auto& [path, node] : snapshotTree({"/conf", "/var/brask", "/var/log"})) paths += path + " ";
+    EXPECT_EQ(paths, "/conf /conf/BMC1 /conf/brask /var/brask /var/log ");
+    EXPECT_EQ(readFile("/tmp/kept/kept"), exists("/tmp/kept") ? "kept" : "");
+    EXPECT_EQ(commandLog() + readFile(kFwInfoFile), "FW_VERSION=2.17\n");
+    EXPECT_EQ(std::tuple(::semget(0x5eed, 1, 0), hostSelRead(nullptr, 0)), std::tuple(-1, 0));
+    EXPECT_EQ(hslAddSEL(0, 0x80, 0x11), 0) << "a fault armed by the last case";
 }
 
-TEST(SandboxState, EveryCaseStartsFromTheStartingTree) {
-    ASSERT_TRUE(insideSandbox());
-    EXPECT_THAT(list("/conf"), ElementsAre("BMC1", "brask"));
-    EXPECT_THAT(list("/var"), IsSupersetOf({"brask", "hsl", "log"}));
-    for (const char* dir : {"/conf/brask", "/conf/BMC1", "/var/brask", "/var/log"})
-        EXPECT_THAT(list(dir), IsEmpty()) << dir;
-    EXPECT_EQ(commandLog(), "");
-}
-
-TEST(SandboxState, StateFoldersAreWritable) {
-    // hostCheck.sh looks for these names on the host afterwards.
-    for (const char* dir : {"/conf", "/var", "/conf/brask", "/var/brask", "/tmp"}) {
-        const std::string path = std::string(dir) + "/" + token();
-        writeFile(path, "inside\n");
-        EXPECT_EQ(readFile(path), "inside\n") << path;
+TEST(Sandbox, HostTreesAreReadOnlyServicesOnlyLogNamespacesArePrivate) {
+    for (const char* dir :
+         {"/usr", "/etc/init.d", "/sandbox/bin", BRASK_TEST_BINARY_DIR, BRASK_TEST_SOURCE_DIR}) {
+        const int fd = ::open(marker(dir).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+        EXPECT_TRUE(fd == -1 && (errno == EROFS || errno == EACCES)) << dir << ": " << errno;
     }
-}
-
-TEST(SandboxState, ResetClearsLockedFoldersMountsAndSemaphoresButFollowsNoLink) {
-    writeFile("/conf/deep/a/b/file", "x");
-    ASSERT_EQ(::chmod("/conf/deep/a", 0), 0);
-    // Outside /conf and /var: a link to it must be removed, not followed.
-    const std::string outside = "/tmp/" + token() + "-outside";
-    writeFile(outside + "/kept", "kept");
-    ASSERT_EQ(::symlink(outside.c_str(), "/var/brask/link"), 0);
-    if (::mount("tmpfs", "/var/brask", "tmpfs", 0, "size=8k") == 0) writeFile("/var/brask/on-tmpfs", "x");
-    const key_t key = 0x5eed;
-    ASSERT_GE(::semget(key, 1, IPC_CREAT | 0600), 0);
-
-    resetState();
-
-    EXPECT_THAT(list("/conf"), ElementsAre("BMC1", "brask"));
-    EXPECT_THAT(list("/var/brask"), IsEmpty());
-    struct stat varSt{}, brSt{};
-    ASSERT_EQ(::stat("/var", &varSt), 0);
-    ASSERT_EQ(::stat("/var/brask", &brSt), 0);
-    EXPECT_EQ(varSt.st_dev, brSt.st_dev) << "a test's tmpfs stayed mounted";
-    EXPECT_EQ(readFile(outside + "/kept"), "kept");
-    errno = 0;
-    EXPECT_EQ(::semget(key, 1, 0), -1);
-    EXPECT_EQ(errno, ENOENT);
-    std::filesystem::remove_all(outside);
-}
-
-TEST(SandboxHost, HostTreesAreReadOnly) {
-    for (const char* dir : {"/usr", "/etc", "/etc/init.d", "/sandbox/bin",
-                            BRASK_TEST_BINARY_DIR, BRASK_TEST_SOURCE_DIR}) {
-        const std::string path = std::string(dir) + "/" + token();
-        errno = 0;
-        ScopedFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
-        EXPECT_FALSE(fd) << path << " is writable";
-        EXPECT_TRUE(errno == EROFS || errno == EACCES) << path << ": " << std::strerror(errno);
-    }
-}
-
-TEST(SandboxCommands, InitScriptsAndRebootOnlyLogTheirCall) {
-    // Each logs its name (an init script's without the folder) and arguments.
-    std::string expected;
-    for (const std::string c : {"reboot", "/etc/init.d/kvm_servers stop", "/etc/init.d/webgo stop",
-                                "/etc/init.d/inetd stop", "/etc/init.d/ssh stop", "/etc/init.d/ssh", "reboot -f now"}) {
-        EXPECT_EQ(shell(c), 0) << c;
-        expected += c.substr(c.rfind('/') + 1) + "\n";
-    }
-    EXPECT_EQ(commandLog(), expected);
-    EXPECT_THAT(list("/etc/init.d"), ElementsAre("inetd", "kvm_servers", "ssh", "webgo"));
-    EXPECT_EQ(shell("test \"$(command -v reboot)\" = /sandbox/bin/reboot"), 0);
-}
-
-TEST(SandboxProc, FwInfoReadsBackChangesAndIsRestored) {
-    EXPECT_EQ(readFile(kFwInfoFile), "FW_VERSION=2.17\n");
-    setFwInfo("FW_VERSION=3.05\n");
-    EXPECT_EQ(readFile(kFwInfoFile), "FW_VERSION=3.05\n");
-    removeFwInfo();
-    errno = 0;
-    EXPECT_EQ(::access(kFwInfoFile, F_OK), -1);
-    EXPECT_EQ(errno, ENOENT);
-    resetState();
-    EXPECT_EQ(readFile(kFwInfoFile), "FW_VERSION=2.17\n");
-}
-
-TEST(SandboxProc, SelfEntriesShowDescriptorsAndMappings) {
-    // A file mapping is looked up by name: sanitizers add mappings of their
-    // own at any allocation, so counts are only stable without them.
-    const char* file = "/sandbox/bin/reboot";
-    const auto mapped = [file] { return readFile("/proc/self/maps").find(file) != std::string::npos; };
-    const int fds = openDescriptorCount();
-    ASSERT_GT(fds, 2);
-    ASSERT_GT(mappingCount(), 0);
-    {
-        ScopedFd fd(::open(file, O_RDONLY | O_CLOEXEC));
-        ASSERT_TRUE(fd);
-        EXPECT_EQ(openDescriptorCount(), fds + 1);
-        void* p = ::mmap(nullptr, 64, PROT_READ, MAP_PRIVATE, fd.get(), 0);
-        ASSERT_NE(p, MAP_FAILED);
-        EXPECT_TRUE(mapped());
-        ::munmap(p, 64);
-    }
-    EXPECT_EQ(openDescriptorCount(), fds);
-    EXPECT_FALSE(mapped());
-    char exe[PATH_MAX] = {};
-    ASSERT_GT(::readlink("/proc/self/exe", exe, sizeof exe - 1), 0);
-    EXPECT_THAT(exe, ::testing::EndsWith("/test_sandbox"));
-    // Per-process entries by number (LeakSanitizer reads /proc/<pid>/task).
-    EXPECT_EQ(::access(("/proc/" + std::to_string(::getpid()) + "/task").c_str(), R_OK), 0);
-}
-
-TEST(SandboxNamespaces, PidsNetworkAndHostNameArePrivate) {
+    EXPECT_EQ(std::system("/etc/init.d/kvm_servers stop && /etc/init.d/ssh && reboot -f now"), 0);
+    EXPECT_EQ(commandLog(), "kvm_servers stop\nssh\nreboot -f now\n");
+    EXPECT_EQ(std::system("test \"$(command -v reboot)\" = /sandbox/bin/reboot"), 0);
+    // Pids, network and host name are the sandbox's own.
     EXPECT_EQ(readFile("/run/realproc/1/comm"), "bwrap\n");
-    std::istringstream dev(readFile("/proc/self/net/dev"));
-    std::vector<std::string> interfaces;
-    for (std::string line; std::getline(dev, line);) {
-        if (const auto colon = line.find(':'); colon != std::string::npos)
-            interfaces.push_back(line.substr(0, colon).substr(line.find_first_not_of(' ')));
+    EXPECT_EQ(lines(readFile("/proc/self/net/dev")).size(), 3u) << "only lo";
+    EXPECT_EQ(readFile("/proc/sys/kernel/hostname"), "bmc-sandbox\n");
+    // Owner checks skip without chown: it must work wherever ids map one to one.
+    EXPECT_EQ(canChown(), readFile("/proc/self/uid_map").find("4294967295") != std::string::npos);
+}
+
+// A child takes the lock and is killed holding it: until then nobody else
+// gets it, afterwards the kernel has given it back.
+TEST(Sandbox, LocksExcludeOtherProcessesAndDieWithTheirHolder) {
+    Mutex_T* m = nullptr;
+    ASSERT_EQ(hslCreateMutex(&m, "/var/hsl/l"), 0);
+    for (int kind : {0, 1}) {
+        const auto take = [&](int t) {
+            int id;
+            return kind == 0 ? hslAcquireMutex(m, t) : hslAcquireSysvSemaphore(&id, "/var/hsl/s", t);
+        };
+        int ready[2];
+        char c;
+        ASSERT_EQ(::pipe(ready), 0);
+        const pid_t holder = ::fork();
+        if (holder == 0) ::_exit(take(-1) != 0 || ::write(ready[1], "x", 1) != 1 || ::pause());
+        ASSERT_EQ(::read(ready[0], &c, 1), 1);
+        EXPECT_EQ(take(100) == 0 ? 0 : errno, EAGAIN) << kind;
+        ::kill(holder, SIGKILL);
+        ::waitpid(holder, nullptr, 0);
+        EXPECT_EQ(take(2000), 0) << kind;
     }
-    EXPECT_THAT(interfaces, ElementsAre("lo"));
-    char host[64] = {};
-    ASSERT_EQ(::gethostname(host, sizeof host - 1), 0);
-    EXPECT_STREQ(host, "bmc-sandbox");
+    hslDestroyMutex(m);
 }
 
-TEST(SandboxIds, ChownWorksExactlyWithoutAUserNamespace) {
-    // Started as root there is no user namespace: ids map one to one.
-    const bool identity = readFile("/proc/self/uid_map").find("4294967295") != std::string::npos;
-    EXPECT_EQ(canChown(), identity);
-    if (!canChown()) GTEST_SKIP() << "chown to other ids is not possible here (user namespace)";
-    writeFile("/conf/owned", "x");
-    ASSERT_EQ(::chown("/conf/owned", 1234, 4321), 0);
-    struct stat st{};
-    ASSERT_EQ(::stat("/conf/owned", &st), 0);
-    EXPECT_EQ(st.st_uid, 1234u);
-    EXPECT_EQ(st.st_gid, 4321u);
+// Uses each platform function that has a fault control once: "name/errno" of
+// each call that failed.  `late`: a failed give-back has given back all the same.
+std::string useAll(bool late) {
+    std::string failed;
+    const auto check = [&](const char* name, bool ok) {
+        return ok || (failed += name + ("/" + std::to_string(errno)) + " ", false);
+    };
+    Mutex_T* m = nullptr;
+    if (check("hslCreateMutex", hslCreateMutex(&m, "/var/hsl/m") == 0)) {
+        if (check("hslAcquireMutex", hslAcquireMutex(m, 0) == 0))
+            check("hslReleaseMutex", hslReleaseMutex(m) == 0);
+        if (!check("hslDestroyMutex", hslDestroyMutex(m) == 0) && !late) std::free(m);
+    }
+    int id = -1;
+    if (check("hslAcquireSysvSemaphore", hslAcquireSysvSemaphore(&id, "/var/hsl/s", 0) == 0))
+        check("hslReleaseSysvSemaphore", hslReleaseSysvSemaphore(id) == 0);
+    hslSemiVolatileMng_T mng{};
+    if (check("hslGetSemiVolatileArea", hslGetSemiVolatileArea(&mng) != nullptr))
+        check("hslFreeSemiVolatileArea", hslFreeSemiVolatileArea(&mng) == 0);
+    MsgPkt_T pkt{};  // answered with a completion code, whatever it asks
+    check("API_ExecuteCmd", API_ExecuteCmd(&pkt, 1) == 0);
+    check("hslAddSEL", hslAddSEL(0, 0x80, 1) == 0);
+    check("hslChkMakeFile", hslChkMakeFile("/var/hsl/made", 1) == 0);
+    INT8U b[2];
+    check("brask_ReadWriteEEPROM", brask_ReadWriteEEPROM(0, 0, 0, b, 0, 2, 0) == 2);
+    return failed;
 }
 
-// Driven by hostCheck.sh only: leaves the sandbox in a given way, after
-// leaving a marker in the state directory that must be removed afterwards.
-TEST(SandboxProbe, Leave) {
-    const char* how = std::getenv("BRASK_SANDBOX_PROBE");
-    if (how == nullptr) GTEST_SKIP() << "run by hostCheck.sh";
-    writeFile("/var/" + token(), "probe\n");
-    const std::string action = how;
-    if (action.rfind("exit:", 0) == 0) std::_Exit(std::atoi(action.c_str() + 5));
-    if (action == "abort") std::abort();
-    if (action == "sleep") ::sleep(60);
-    FAIL() << "unknown probe " << action;
+TEST(Sandbox, FaultControlsFailTheCallTheyNameOnly) {
+    for (const char* name : {"hslCreateMutex", "hslAcquireMutex", "hslReleaseMutex", "hslDestroyMutex",
+                             "hslAcquireSysvSemaphore", "hslReleaseSysvSemaphore", "hslGetSemiVolatileArea",
+                             "hslFreeSemiVolatileArea", "API_ExecuteCmd", "hslAddSEL", "hslChkMakeFile",
+                             "brask_ReadWriteEEPROM"}) {
+        for (const bool late : {false, true}) {
+            resetState();
+            // Late failures are for give-back calls only.
+            if ((late ? hostFailCallLate : hostFailCall)(name, 0, 1, ENOSPC) != 0 && late) continue;
+            EXPECT_EQ(useAll(late), name + ("/" + std::to_string(ENOSPC)) + " ") << late;
+            EXPECT_EQ(late ? useAll(late) : "", "") << name << " did not give back";
+        }
+    }
+}
+
+// The library's own calls fail as armed, only the nth matching one, with the
+// errno, also on a stream opened before arming.
+TEST(Sandbox, FailCallFailsTheLibrarysNthMatchingCall) {
+    writeFile("/conf/BMCCapability.dat", std::string(64, 'c'));
+    FILE* fp = std::fopen("/conf/BMCCapability.dat", "rb");
+    FailCall fail(Call::Fseek, ESPIPE, "/conf/", 2);
+    std::string results;
+    const Transcript t = captureOutput([&] {
+        for (int i = 0; i < 3; ++i) results += std::to_string(svfGetFileSize(fp)) + " ";
+    });
+    EXPECT_EQ(results, "64 -1 64 ");
+    EXPECT_EQ(maskLineNumbers(t.out + t.err), "BRASK_ERR  : svfBraskArchiver(#) : fseek fail(29)\n");
+    std::fclose(fp);
+}
+
+// Ended before the k-th write-like call, not after it: before the first the
+// file does not exist, before the second it is still empty.
+TEST(Sandbox, WriteLikeCallsAreCrashedBeforeAndCounted) {
+    for (int k : {1, 2}) {
+        std::remove("/conf/crash");
+        if (::fork() == 0) {
+            crashBefore(k, "/conf/");
+            ::_exit(::write(::open("/conf/crash", O_WRONLY | O_CREAT, 0644), "data", 4) == 4 ? 0 : 1);
+        }
+        int status = 0;
+        ::wait(&status);
+        EXPECT_EQ(std::tuple(WIFEXITED(status) ? WEXITSTATUS(status) : -1, exists("/conf/crash"),
+                             readFile("/conf/crash")),
+                  std::tuple(kCrashStatus, k == 2, std::string()));
+    }
+
+    // The counter logs exactly the write-like calls under the prefix; a rename of
+    // bytes that reached the kernel after the fsync (at fclose) is a violation.
+    WriteLikeCounter counter("/conf/");
+    FILE* fp = std::fopen("/conf/s.tmp", "w");
+    std::fputs("s", fp);
+    ::fsync(::fileno(fp));
+    std::fclose(fp);
+    ::close(::open("/var/brask/outside", O_WRONLY | O_CREAT, 0600));
+    ::rename("/conf/s.tmp", "/conf/s");
+    std::string log;
+    for (const WriteLike& e : counter.log()) log += callName(e.call) + (" " + e.path + " " + e.to) + "\n";
+    EXPECT_EQ(log,
+              "fopen /conf/s.tmp \nfwrite /conf/s.tmp \nfsync /conf/s.tmp \nfclose /conf/s.tmp \n"
+              "rename /conf/s.tmp /conf/s\n");
+    EXPECT_EQ(std::pair(counter.count(), counter.violations().size()), std::pair(5, std::size_t{1}));
+}
+
+TEST(Sandbox, SnapshotSeesEachChangeAndPutsItBack) {
+    for (const char* path : {"/conf/same", "/conf/mode", "/conf/gone"}) writeFile(path, "abc");
+    const Tree before = snapshotTree();
+    writeFile("/conf/same", "abd");
+    ::chmod("/conf/mode", 0600);
+    std::remove("/conf/gone");
+    EXPECT_EQ(diffTrees(before, snapshotTree()),
+              "removed /conf/gone\nchanged /conf/mode: mode 0644 -> 0600\n"
+              "changed /conf/same: content 3 -> 3 bytes, first difference at byte 2\n");
+    EXPECT_TRUE(restoreTree(before, changedPaths(before, snapshotTree())));
+    EXPECT_EQ(diffTrees(before, snapshotTree()), "");
 }
 
 }  // namespace
