@@ -151,6 +151,13 @@ const std::vector<BlockCase>& cases() {
          -1,
          {".bak Unmatch"},
          {{kResolv, "new\n"}, {"/conf/BMCCapability.dat", std::string(51, 'B')}}},
+        // Nothing after the last entry is looked at (svfdump remarks on it).
+        {"bytes after the last entry",
+         {},
+         [] { return test::block({entry(kResolv, "new\n")}, Bytes(7, 0xAB)); },
+         0,
+         {},
+         {{kResolv, "new\n"}}},
         {"a flipped bit fails the checksum",
          {},
          [] {
