@@ -28,6 +28,10 @@ constexpr char kBlockFile[] = "/var/brask/BMC.bak-1";
 constexpr char kPmConfig[] = "/conf/BMC1/PMConfig.dat";
 constexpr char kResolv[] = "/conf/resolv.conf";
 constexpr char kHid[] = "/conf/hid.conf";
+constexpr char kInterfaces[] = "/conf/interfaces";
+constexpr char kCapability[] = "/conf/BMCCapability.dat";
+constexpr char kRsaKey[] = "/conf/ssh_host_rsa_key";  // delete-first rows
+constexpr char kDsaKey[] = "/conf/ssh_host_dsa_key";
 constexpr char kErr[] = "BRASK_ERR  : svfBraskArchiver(#) : ";
 
 // The shipped catalogue restores every file whole; the part restore of
@@ -75,140 +79,69 @@ Bytes hostile(EntrySpec bad, std::optional<std::uint16_t> numOfEntry = std::null
 }
 constexpr std::uint32_t kSecond = 8 + 20 + 21 + 12;
 
+EntrySpec withoutSuffix(const char* path) {
+    EntrySpec e = entry(path, "x");
+    e.name = path;
+    return e;
+}
+
+// One row per case, as the rows read best.
+// clang-format off
 const std::vector<BlockCase>& cases() {
     static const std::vector<BlockCase> rows = {
-        {"whole file, mode and owner from the entry",
-         {{kResolv, "nameserver 10.0.0.1\n"}},
-         [] {
-             return test::block(
-                 {entry(kResolv, "nameserver 192.0.2.1\n", 0100640), entry(kHid, "", 0100600)});
-         },
-         0,
-         {},
-         {{kResolv, "nameserver 192.0.2.1\n", 0640}, {kHid, "", 0600}}},
-        {"delete-first rows go unless the block carries them",
-         {{"/conf/ssh_host_rsa_key", "live"}, {"/conf/ssh_host_dsa_key", "live"}},
-         [] { return test::block({entry("/conf/ssh_host_rsa_key", "archived", 0100600)}); },
-         0,
-         {},
-         {{"/conf/ssh_host_rsa_key", "archived", 0600}, {"/conf/ssh_host_dsa_key", std::nullopt}}},
-        {"interfaces kept as they are in maintenance mode",
-         {{"/conf/interfaces", "live\n"}},
-         [] { return test::block({entry("/conf/interfaces", "archived\n", 0100600)}); },
-         0,
-         {},
-         {{"/conf/interfaces", "live\n", 0666}},
-         false,
-         true},
-        {"interfaces restored otherwise",
-         {{"/conf/interfaces", "live\n"}},
-         [] { return test::block({entry("/conf/interfaces", "archived\n")}); },
-         0,
-         {},
-         {{"/conf/interfaces", "archived\n", 0644}}},
-        {"part restore takes only the catalogue's ranges",
-         {{kPmConfig, "abcdefghijklmnop"}},
+        {"whole file, mode and owner from the entry", {{kResolv, "nameserver 10.0.0.1\n"}},
+         [] { return test::block({entry(kResolv, "nameserver 192.0.2.1\n", 0100640), entry(kHid, "", 0100600)}); },
+         0, {}, {{kResolv, "nameserver 192.0.2.1\n", 0640}, {kHid, "", 0600}}},
+        {"delete-first rows go unless the block carries them", {{kRsaKey, "live"}, {kDsaKey, "live"}},
+         [] { return test::block({entry(kRsaKey, "archived", 0100600)}); },
+         0, {}, {{kRsaKey, "archived", 0600}, {kDsaKey, std::nullopt}}},
+        {"interfaces kept as they are in maintenance mode", {{kInterfaces, "live\n"}},
+         [] { return test::block({entry(kInterfaces, "archived\n", 0100600)}); },
+         0, {}, {{kInterfaces, "live\n", 0666}}, false, true},
+        {"interfaces restored otherwise", {{kInterfaces, "live\n"}},
+         [] { return test::block({entry(kInterfaces, "archived\n")}); }, 0, {}, {{kInterfaces, "archived\n", 0644}}},
+        {"part restore takes only the catalogue's ranges", {{kPmConfig, "abcdefghijklmnop"}},
          [] { return test::block({entry(kPmConfig, "ABCDEFGHIJKLMNOP", 0100600)}); },
-         0,
-         {},
-         {{kPmConfig, "ABcdEFGHIjklmnop", 0600}},
-         true},
+         0, {}, {{kPmConfig, "ABcdEFGHIjklmnop", 0600}}, true},
         // ... and ends the entry pass there.
-        {"a missing part-restored file is made whole, shorter than its ranges or not",
-         {{kPmConfig, ""}},
-         [] {
-             return test::block({entry(kPmConfig, "ABC", 0100640), entry(kHid, "after\n")});
-         },
-         0,
-         {},
-         {{kPmConfig, "ABC", 0640}},
-         true},
-        {"the shipped row restores PMConfig whole",
-         {{kPmConfig, "abcdefghijklmnop"}},
-         [] { return test::block({entry(kPmConfig, "ABCDEFGHIJ", 0100600)}); },
-         0,
-         {},
-         {{kPmConfig, "ABCDEFGHIJ", 0600}}},
-        {"uncatalogued targets are skipped, never written",
-         {{kResolv, "old\n"}},
-         [] {
-             return test::block({entry("/conf/../etc/passwd", "evil\n"),
-                                 entry("/conf/brask/unknown.dat", "x"),
-                                 entry("/conf/" + std::string(141, 'n'), "x"), entry(kResolv, "new\n")});
-         },
-         0,
-         {},
-         {{kResolv, "new\n"}}},
+        {"a missing part-restored file is made whole, shorter than its ranges or not", {{kPmConfig, ""}},
+         [] { return test::block({entry(kPmConfig, "ABC", 0100640), entry(kHid, "after\n")}); },
+         0, {}, {{kPmConfig, "ABC", 0640}}, true},
+        {"the shipped row restores PMConfig whole", {{kPmConfig, "abcdefghijklmnop"}},
+         [] { return test::block({entry(kPmConfig, "ABCDEFGHIJ", 0100600)}); }, 0, {}, {{kPmConfig, "ABCDEFGHIJ", 0600}}},
+        {"uncatalogued targets are skipped, never written", {{kResolv, "old\n"}},
+         [] { return test::block({entry("/conf/../etc/passwd", "evil\n"), entry("/conf/brask/unknown.dat", "x"),
+                                  entry("/conf/" + std::string(141, 'n'), "x"), entry(kResolv, "new\n")}); },
+         0, {}, {{kResolv, "new\n"}}},
         {"a name without .bak stops the block: earlier entries stay, capability not merged",
-         {{kResolv, "old\n"}, {kHid, "old\n"}, {"/conf/BMCCapability.dat", std::string(51, 'L')}},
-         [] {
-             EntrySpec noSuffix = entry("/conf/vmedia.conf", "x");
-             noSuffix.name = "/conf/vmedia.conf";
-             return test::block({entry(kResolv, "new\n"),
-                                 entry("/conf/BMCCapability.dat", std::string(51, 'B')), noSuffix,
-                                 entry(kHid, "new\n")});
-         },
-         -1,
-         {".bak Unmatch"},
-         {{kResolv, "new\n"}, {"/conf/BMCCapability.dat", std::string(51, 'B')}}},
+         {{kResolv, "old\n"}, {kHid, "old\n"}, {kCapability, std::string(51, 'L')}},
+         [] { return test::block({entry(kResolv, "new\n"), entry(kCapability, std::string(51, 'B')),
+                                  withoutSuffix("/conf/vmedia.conf"), entry(kHid, "new\n")}); },
+         -1, {".bak Unmatch"}, {{kResolv, "new\n"}, {kCapability, std::string(51, 'B')}}},
         // Nothing after the last entry is looked at (svfdump remarks on it).
-        {"bytes after the last entry",
-         {},
-         [] { return test::block({entry(kResolv, "new\n")}, Bytes(7, 0xAB)); },
-         0,
-         {},
-         {{kResolv, "new\n"}}},
-        {"a flipped bit fails the checksum",
-         {},
-         [] {
-             Bytes b = test::block({entry(kResolv, "new\n")});
-             b.back() ^= 0x01;
-             return b;
-         },
-         -1,
-         {"ChkSum unmatch"},
-         {}},
+        {"bytes after the last entry", {}, [] { return test::block({entry(kResolv, "new\n")}, Bytes(7, 0xAB)); },
+         0, {}, {{kResolv, "new\n"}}},
+        {"a flipped bit fails the checksum", {},
+         [] { Bytes b = test::block({entry(kResolv, "new\n")}); b.back() ^= 0x01; return b; },
+         -1, {"ChkSum unmatch"}, {}},
         {"an empty block cannot be mapped", {}, [] { return Bytes{}; }, -1, {}, {}},
-        {"name of 152 bytes",
-         {},
-         [] { return hostile(entry("/conf/" + std::string(142, 'n'), "x")); },
-         -1,
-         {"Archive entry 1 rejected : name too long"},
-         {}},
-        {"offset inside a descriptor",
-         {},
-         [] { return hostile(withLayout(entry(kHid, "data"), kSecond + 10, {})); },
-         -1,
-         {"Archive entry 1 rejected : data offset inside its descriptor"},
-         {}},
-        {"data past the end",
-         {},
-         [] { return hostile(withLayout(entry(kHid, "data"), {}, 4096)); },
-         -1,
-         {"Archive entry 1 rejected : data past the end"},
-         {}},
-        {"negative size",
-         {},
-         [] { return hostile(withLayout(entry(kHid, "data"), {}, -8)); },
-         -1,
-         {"Archive entry 1 rejected : negative size"},
-         {}},
-        {"more entries than stored",
-         {},
-         [] { return hostile(entry(kHid, "x"), 3); },
-         -1,
-         {"Archive entry 2 rejected : truncated"},
-         {}},
-        {"part range beyond the data of a live file",
-         {{kPmConfig, "abcdefghijklmnop"}},
-         [] { return hostile(entry(kPmConfig, "ABCDE")); },
-         -1,
-         {"Archive entry 1 rejected : part list beyond its data"},
-         {},
-         true},
+        {"name of 152 bytes", {}, [] { return hostile(entry("/conf/" + std::string(142, 'n'), "x")); },
+         -1, {"Archive entry 1 rejected : name too long"}, {}},
+        {"offset inside a descriptor", {}, [] { return hostile(withLayout(entry(kHid, "data"), kSecond + 10, {})); },
+         -1, {"Archive entry 1 rejected : data offset inside its descriptor"}, {}},
+        {"data past the end", {}, [] { return hostile(withLayout(entry(kHid, "data"), {}, 4096)); },
+         -1, {"Archive entry 1 rejected : data past the end"}, {}},
+        {"negative size", {}, [] { return hostile(withLayout(entry(kHid, "data"), {}, -8)); },
+         -1, {"Archive entry 1 rejected : negative size"}, {}},
+        {"more entries than stored", {}, [] { return hostile(entry(kHid, "x"), 3); },
+         -1, {"Archive entry 2 rejected : truncated"}, {}},
+        {"part range beyond the data of a live file", {{kPmConfig, "abcdefghijklmnop"}},
+         [] { return hostile(entry(kPmConfig, "ABCDE")); }, -1, {"Archive entry 1 rejected : part list beyond its data"},
+         {}, true},
     };
     return rows;
 }
+// clang-format on
 
 TEST(BlockReader, EachRowRestoresOrRefusesAsItSays) {
     for (const BlockCase& c : cases()) {
