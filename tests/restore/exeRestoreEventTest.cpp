@@ -35,115 +35,51 @@ struct ExeCase {
 };
 
 const std::vector<std::uint8_t> kWebBmc = {1, 2, 0, 0, 0, 0};
-const std::string kErr = "BRASK_ERR  : ";
 const std::vector<std::uint8_t> kFailed = {0x05, 0x35};  // started, then failed
+const std::string kHandler = "BRASK_ERR  : svfOEMExeRestoreEvent(#) : ";
+const std::string kReader = "BRASK_ERR  : svfBraskArchiver(#) : ";
 
 void webFile(const ByteVec& f) { writeBytes(kWebBackup, f); }
 
+void otherEventActive() {
+    hslSemiVolatileArea_T area{};
+    hostSemiVolRead(&area);
+    area.svf.svfStatus.Backup.Auto.Bmc = ST_GENERATED;
+    hostSemiVolWrite(&area);
+}
+
+// One row per case.
+// clang-format off
 const ExeCase kExeCases[] = {
-    {"ShortRequest",
-     {1, 2, 0, 0, 0},
-     nullptr,
-     0xC7,
-     {},
-     false,
-     {kErr + "svfOEMExeRestoreEvent(#) : Request Length Error(5)"}},
+    {"ShortRequest", {1, 2, 0, 0, 0}, nullptr, 0xC7, {}, false, {kHandler + "Request Length Error(5)"}},
     {"EfiAnyFunction", {0, 9, 0, 0, 0, 0}, nullptr, 0x00, {}, false},
     // "Non Check" is the one line printed with no line end.
     {"NplusM", {1, 0, 0, 0, 0, 0}, nullptr, 0x00, {}, false, {}, "Function == N_P_M\n"},
     {"SvpConsole", {1, 1, 0, 0, 0, 0}, nullptr, 0x00, {}, false, {}, "Function == SVP_CONSOL\n"},
     {"FunctionOutOfRange", {1, 3, 0, 0, 0, 0}, nullptr, 0xC9, {}, false},
     {"FileTypeOutOfRange", {2, 2, 0, 0, 0, 0}, nullptr, 0xC9, {}, false},
-    {"RebootPending",
-     kWebBmc,
-     [] { gRebootAfterRestoreTimer = 30; },
-     0xD5,
-     kFailed,
-     false,
-     {kErr + "svfOEMExeRestoreEvent(#) : gRebootAfterRestoreTimer != 0"}},
-    {"RestorePendingSvp",
-     {1, 1, 0, 0, 0, 0},
-     [] { gKillProcessAfterFileChkTimer = 3; },
-     0xD5,
-     {},
-     false,
-     {kErr + "svfOEMExeRestoreEvent(#) : gRebootAfterRestoreTimer != 0"}},
-    {"OtherEventActive",
-     kWebBmc,
-     [] {
-         hslSemiVolatileArea_T area{};
-         hostSemiVolRead(&area);
-         area.svf.svfStatus.Backup.Auto.Bmc = ST_GENERATED;
-         hostSemiVolWrite(&area);
-     },
-     0xD5,
-     kFailed,
-     false,
-     {kErr + "svfOEMExeRestoreEvent(#) : handle others"}},
-    {"FirmwareUpdate",
-     kWebBmc,
-     [] { hostSetFwUpdateState(3); },
-     0x80,
-     {0x05},
-     false,
-     {kErr + "svfOEMExeRestoreEvent(#) : BMC Busy. Running FwUp."}},
-    {"NoSemaphore",
-     kWebBmc,
-     [] { hostFailCall("hslAcquireSysvSemaphore", 0, 1, EIDRM); },
-     0x88,
-     kFailed,
-     false,
-     {kErr + "svfOEMExeRestoreEvent(#) : hslAcquireSysvSemaphore fail"}},
-    {"NoWebBackup",
-     kWebBmc,
-     [] { std::remove(kWebBackup); },
-     0x80,
-     kFailed,
-     false,
-     {kErr + "svfOEMExeRestoreEvent(#) : system cmd fail(2)"}},
-    {"BadChecksum",
-     kWebBmc,
-     [] { webFile(flipped(50)); },
-     0x81,
-     kFailed,
-     true,
-     {kErr + "svfBraskArchiver(#) : ChkSum not Match"}},
-    {"OtherServer",
-     kWebBmc,
-     [] { webFile(sampleBackup({.model = "OTHER"})); },
-     0x85,
-     kFailed,
-     true,
-     {kErr + "svfBraskArchiver(#) : ModelNumber Mismatch"}},
-    {"DataRev1",
-     kWebBmc,
-     [] { webFile(sampleBackup({.dataRev = 1})); },
-     0x86,
-     kFailed,
-     true,
-     {kErr + "svfBraskArchiver(#) : Unknown Data Rev"}},
-    {"EfiFile",
-     kWebBmc,
-     [] { webFile(sampleBackup({.fwType = EFI_FILE})); },
-     0x83,
-     kFailed,
-     true,
-     {kErr + "svfBraskArchiver(#) : FwTyep not Match"}},
-    {"Version2",
-     kWebBmc,
-     [] { webFile(sampleBackup({.version = 2})); },
-     0x87,
-     kFailed,
-     true,
-     {kErr + "svfBraskArchiver(#) : Unknown File Format"}},
-    {"Truncated",
-     kWebBmc,
-     [] { webFile(ByteVec(40, 0)); },
-     0x80,
-     kFailed,
-     true,
-     {kErr + "svfBraskArchiver(#) : fread fail(2)"}},
+    {"RebootPending", kWebBmc, [] { gRebootAfterRestoreTimer = 30; }, 0xD5, kFailed, false,
+     {kHandler + "gRebootAfterRestoreTimer != 0"}},
+    {"RestorePendingSvp", {1, 1, 0, 0, 0, 0}, [] { gKillProcessAfterFileChkTimer = 3; }, 0xD5, {}, false,
+     {kHandler + "gRebootAfterRestoreTimer != 0"}},
+    {"OtherEventActive", kWebBmc, otherEventActive, 0xD5, kFailed, false, {kHandler + "handle others"}},
+    {"FirmwareUpdate", kWebBmc, [] { hostSetFwUpdateState(3); }, 0x80, {0x05}, false,
+     {kHandler + "BMC Busy. Running FwUp."}},
+    {"NoSemaphore", kWebBmc, [] { hostFailCall("hslAcquireSysvSemaphore", 0, 1, EIDRM); }, 0x88, kFailed, false,
+     {kHandler + "hslAcquireSysvSemaphore fail"}},
+    {"NoWebBackup", kWebBmc, [] { std::remove(kWebBackup); }, 0x80, kFailed, false, {kHandler + "system cmd fail(2)"}},
+    {"BadChecksum", kWebBmc, [] { webFile(flipped(50)); }, 0x81, kFailed, true, {kReader + "ChkSum not Match"}},
+    {"OtherServer", kWebBmc, [] { webFile(sampleBackup({.model = "OTHER"})); }, 0x85, kFailed, true,
+     {kReader + "ModelNumber Mismatch"}},
+    {"DataRev1", kWebBmc, [] { webFile(sampleBackup({.dataRev = 1})); }, 0x86, kFailed, true,
+     {kReader + "Unknown Data Rev"}},
+    {"EfiFile", kWebBmc, [] { webFile(sampleBackup({.fwType = EFI_FILE})); }, 0x83, kFailed, true,
+     {kReader + "FwTyep not Match"}},
+    {"Version2", kWebBmc, [] { webFile(sampleBackup({.version = 2})); }, 0x87, kFailed, true,
+     {kReader + "Unknown File Format"}},
+    {"Truncated", kWebBmc, [] { webFile(ByteVec(40, 0)); }, 0x80, kFailed, true, {kReader + "fread fail(2)"}},
 };
+// clang-format on
 
 TEST_F(RestoreTest, RefusalsAnswerTheirCodeAndChangeNoConfiguration) {
     for (const ExeCase& c : kExeCases) {
