@@ -10,13 +10,15 @@
 #include "support/builders.h"
 #include "support/sandbox.h"
 #include "support/scenario.h"
+#include "support/transcript.h"
 #include "support/tree.h"
 
 namespace brask::test {
 namespace {
 
 // Standard output and error of one run through the build's emulator, then its
-// exit status.  Clock times and SEL time stamps are masked; JSON is compacted
+// exit status.  Clock times, SEL time stamps and the source lines of the
+// library's diagnostics are masked; JSON is compacted
 // to one line, keeping the golden files short.
 std::string run(const std::string& tool, const std::string& args) {
     std::string command;
@@ -27,6 +29,7 @@ std::string run(const std::string& tool, const std::string& args) {
         out = std::regex_replace(out, std::regex("\n *"), "") + "\n";
     out = std::regex_replace(out, std::regex("\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d UTC"), "<time>");
     out = std::regex_replace(out, std::regex("\"time\": \\d+"), "\"time\": 0");
+    out = maskLineNumbers(out);
     return out + "exit " + std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : -1) + "\n";
 }
 
@@ -58,7 +61,7 @@ TEST(Tools, SvfdumpShowsPlansAndExtracts) {
 // The story of the README: a backup and a restore ticked to the reboot.
 TEST(Tools, SvfsimTellsTheStory) {
     std::string text;
-    for (const std::string args : {"init", "backup", "restore"})
+    for (const std::string args : {"init", "backup", "restore", "--verbose event"})
         text += "$ svfsim " + args + "\n" + run(SVFSIM, args);
     expectGolden("svfsim.txt", text);
     expectGolden("svfsim.json", run(SVFSIM, "sel --json"));
