@@ -39,10 +39,12 @@ void expectGolden(const std::string& name, const std::string& actual) {
 }
 
 // A backup of two files, and a BMC tree (/tmp/bmc/conf) where one of them
-// differs and the other is missing.
+// differs and the other is missing.  Three bytes follow the last entry: a
+// restore does not look at them, svfdump remarks on them.
 TEST(Tools, SvfdumpShowsPlansAndExtracts) {
     const Bytes data = block({entry("/conf/resolv.conf", "nameserver 10.0.0.1\n"),
-                              entry("/conf/passwd", "root:x:0:0::/root:/bin/sh\n", 0100600)});
+                              entry("/conf/passwd", "root:x:0:0::/root:/bin/sh\n", 0100600)},
+                             Bytes(3, 0xEE));
     writeBytes("/tmp/web.bak", backup({.blocks = {block({}), data}}));
     writeFile("/tmp/bmc/conf/resolv.conf", "nameserver 10.9.9.9\n");
     const std::string text = run(SVFDUMP, "/tmp/web.bak");
