@@ -80,7 +80,7 @@ struct DiffRow {
     std::string out = "";  // a line the output must hold
     std::optional<Fault> fault = {};
     INT8U fileType = BMC_FILE;
-    int held = 0;  // semaphores taken and not given back
+    int held = 0;  // acquisitions without a release (a refused one counts)
 };
 
 // clang-format off
