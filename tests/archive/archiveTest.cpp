@@ -202,9 +202,9 @@ TEST(Writers, BackupFiles) {
                   "");
         std::vector<EntrySpec> entries;
         for (const std::string& path : written) entries.push_back(stored(path));
-        BackupSpec spec{.blocks = {block({})}, .fwType = type};
-        if (type == BMC_FILE) spec.blocks.push_back(block(entries));
-        Bytes want = backup(spec);
+        BackupSpec layout{.blocks = {block({})}, .fwType = type};
+        if (type == BMC_FILE) layout.blocks.push_back(block(entries));
+        Bytes want = backup(layout);
         const Bytes stampAndRevisions = {4, 3, 2, 1, 2, 17, 5, 3};  // at 82, after the UUID
         std::copy(stampAndRevisions.begin(), stampAndRevisions.end(), want.begin() + 82);
         sealBackup(want);
