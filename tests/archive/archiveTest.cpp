@@ -70,6 +70,8 @@ TEST(Format, DamagedBlocksStopTheWalk) {
     EXPECT_EQ(tuple(e.info.FilePermission, e.info.FileUid, e.info.FileGid, e.name,
                     Bytes(e.data.begin(), e.data.end())),
               tuple(0100640u, ::getuid(), ::getgid(), "/conf/a.bak", bytesOf("abc")));
+    // Four bytes with a zero count are too short for any block: read as a backup file.
+    EXPECT_EQ(f::classifyContent(Bytes{1, 0, 0, 0}), f::ContentKind::BackupFile);
     // The cursor and the writer never move past their bytes.
     const Bytes three = {1, 2, 3};
     f::ByteCursor c(three);
@@ -205,8 +207,8 @@ TEST(Writers, BackupFiles) {
         BackupSpec layout{.blocks = {block({})}, .fwType = type};
         if (type == BMC_FILE) layout.blocks.push_back(block(entries));
         Bytes want = backup(layout);
-        const Bytes stampAndRevisions = {4, 3, 2, 1, 2, 17, 5, 3};  // at 82, after the UUID
-        std::copy(stampAndRevisions.begin(), stampAndRevisions.end(), want.begin() + 82);
+        // The SEL time and both revisions, after the UUID.
+        std::copy_n(Bytes{4, 3, 2, 1, 2, 17, 5, 3}.begin(), 8, want.begin() + 82);
         sealBackup(want);
         EXPECT_EQ(readBytes(type == BMC_FILE ? "/var/brask/BMC.bak" : "/var/brask/EFI.bak"), want);
     }
