@@ -1,40 +1,28 @@
-// Treats the input as an archive block and walks its entries the way the
-// block reader does, checking that every name and data span the decoder hands
-// out lies inside the block and that each entry moves the walk forward.
-#include <cstddef>
-#include <cstdint>
-
-#include "archive/format.h"
-#include "fuzzCheck.h"
+// Treats the input as an archive block and walks its entries as the block
+// reader does: every name and data span handed out lies inside the block,
+// names stay below 152 bytes and each entry moves the walk forward.
+#include "fuzz.h"
 
 using namespace brask;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const format::Bytes block(data, size);
-    svfBraskArchiveFileHeader_T header{};
-    if (format::decodeArchiveHeader(block, header) != format::Status::Ok) {
-        FUZZ_CHECK(size < format::kArchiveHeaderSize);
-        return 0;
-    }
-    FUZZ_CHECK(size >= format::kArchiveHeaderSize);
-
+    format::ArchiveEntryWalk walk(block);
+    FUZZ_CHECK(walk.headerOk() == (size >= format::kArchiveHeaderSize));
     std::size_t offset = format::kArchiveHeaderSize;
-    for (unsigned i = 0; i < header.NumOfEntry; ++i) {
-        format::ArchiveEntry entry;
-        if (format::decodeArchiveEntry(block, offset, entry) != format::Status::Ok) break;
-        FUZZ_CHECK(entry.entryOffset == offset);
-        FUZZ_CHECK(fuzz::within(block, entry.name.data(), entry.name.size()));
-        FUZZ_CHECK(fuzz::within(block, entry.data.data(), entry.data.size()));
-        FUZZ_CHECK(entry.name.size() < SVF_FILE_PASS_SIZE);
-        FUZZ_CHECK(entry.info.FileSize >= 0);
-        FUZZ_CHECK(entry.data.size() == static_cast<std::size_t>(entry.info.FileSize));
+    for (format::ArchiveEntry entry; walk.next(entry); offset = entry.nextOffset) {
+        // Name and data are spans of the block itself, at their offsets.
+        FUZZ_CHECK(entry.entryOffset == offset && entry.name.size() < SVF_FILE_PASS_SIZE);
+        FUZZ_CHECK(entry.name.data() ==
+                   reinterpret_cast<const char*>(data) + offset + format::kArchiveEntryInfoSize);
+        FUZZ_CHECK(entry.data.data() == data + entry.info.FileOffset);
+        FUZZ_CHECK(entry.info.FileSize >= 0 && entry.data.size() == std::size_t(entry.info.FileSize));
         // The name sits between the descriptor and the data, the data ends
         // where the next entry starts.
         FUZZ_CHECK(entry.info.FileOffset == offset + format::kArchiveEntryInfoSize + entry.name.size());
         FUZZ_CHECK(entry.nextOffset == entry.info.FileOffset + entry.data.size());
-        FUZZ_CHECK(entry.nextOffset > entry.entryOffset);
-        FUZZ_CHECK(entry.nextOffset <= size);
-        offset = entry.nextOffset;
+        FUZZ_CHECK(entry.nextOffset > entry.entryOffset && entry.nextOffset <= size);
     }
+    FUZZ_CHECK(walk.offset() == offset);
     return 0;
 }

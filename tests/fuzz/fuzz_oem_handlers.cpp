@@ -11,173 +11,88 @@
 // the firmware-update state.  The file semaphore is refused, so a backup or a
 // restore that gets that far fails at once instead of running for real (the
 // integration tests run those).
-#include <algorithm>
 #include <cerrno>
-#include <cstddef>
-#include <cstdint>
-#include <cstring>
-#include <initializer_list>
 #include <memory>
-#include <vector>
 
 #include "BraskSvf/hostPlatformControl.h"
 #include "BraskSvf/svfApi.h"
-#include "common/eventCodes.h"
-#include "eventAnswer.h"
-#include "fuzzCheck.h"
-#include "fuzzSandbox.h"
+#include "fuzz.h"
 
 using namespace brask;
 
 namespace {
 
-constexpr std::size_t kPrefix = 2 + SVF_EVENT_SLOT_COUNT;
-constexpr unsigned kBackupBmcWeb = slotIndex(EventKind::Backup, BMC_WEB_CONSOLE, BMC_FILE);
-
-// The request's SEL entry and, when given, the outcome's.
-std::vector<INT8U> entries(unsigned slot, std::initializer_list<unsigned> classes) {
-    std::vector<INT8U> codes;
-    for (unsigned selClass : classes) codes.push_back(selEventCode(slot, selClass));
-    return codes;
-}
-
-std::vector<INT8U> selEvents() {
-    std::vector<hostSelRecord_T> records(64);
-    const int n = hostSelRead(records.data(), static_cast<int>(records.size()));
-    FUZZ_CHECK(n >= 0 && n <= static_cast<int>(records.size()));
-    std::vector<INT8U> events;
-    for (int i = 0; i < n; ++i) events.push_back(records[static_cast<std::size_t>(i)].EventData);
-    return events;
-}
-
-struct Call {
-    const INT8U* req;
-    std::size_t reqLen;
-    svfSemiVol_T svf;
-    bool countdown;
-    INT8U fwUpdate;
-};
-
-void checkGet(const Call& c, const INT8U* res, int length) {
-    if (c.reqLen != 0) {
-        FUZZ_CHECK(res[0] == 0xC7 && length == 1);
-        for (int i = 1; i < 8; ++i) FUZZ_CHECK(res[i] == 0);
-    } else {
-        fuzz::checkEventAnswer(c.svf, res, length);
-    }
-    FUZZ_CHECK(selEvents().empty());
-}
-
-void checkSet(const Call& c, INT8U cc, int length) {
-    FUZZ_CHECK(length == 1);
-    const std::vector<INT8U> sel = selEvents();
-    const INT8U fileType = c.reqLen > 0 ? c.req[0] : 0;
-    const INT8U function = c.reqLen > 1 ? c.req[1] : 0;
-    if (c.reqLen != 6) {
-        FUZZ_CHECK(cc == 0xC7 && sel.empty());
-    } else if (fileType > BMC_FILE || function > 5) {
-        FUZZ_CHECK(cc == 0xC9 && sel.empty());
-    } else if (fileType == EFI_FILE || function != BMC_WEB_CONSOLE) {
-        FUZZ_CHECK(cc == 0x00 && sel.empty());
-    } else if (c.countdown) {
-        FUZZ_CHECK(cc == 0xD5 && sel.empty());
-    } else if (fuzz::anyEvent(c.svf)) {
-        FUZZ_CHECK(cc == 0xD5 && sel == entries(kBackupBmcWeb, {SEL_CLASS_GENERATED, SEL_CLASS_OTHER_RUNNING}));
-    } else {
+// Completion code and SEL entries of Set Backup Event (handler 1) and Execute
+// Restore Event (2) as the commands' tables of outcomes say.
+std::pair<INT8U, test::Bytes> expected(unsigned handler, std::size_t reqLen, INT8U fileType, INT8U function,
+                                       bool any, bool countdown, INT8U fwUpdate) {
+    const unsigned slot = handler == 1 ? slotIndex(EventKind::Backup, BMC_WEB_CONSOLE, BMC_FILE)
+                                       : slotIndex(EventKind::Restore, function, fileType);
+    const INT8U generated = selEventCode(slot, SEL_CLASS_GENERATED),
+                failed = selEventCode(slot, SEL_CLASS_FAIL);
+    if (reqLen != 6) return {0xC7, {}};
+    if (handler == 1) {
+        if (fileType > BMC_FILE || function > 5) return {0xC9, {}};
+        if (fileType == EFI_FILE || function != BMC_WEB_CONSOLE) return {0x00, {}};
+        if (countdown) return {0xD5, {}};
         // The change detection cannot take the file semaphore.
-        FUZZ_CHECK(cc == 0x80 && sel == entries(kBackupBmcWeb, {SEL_CLASS_GENERATED, SEL_CLASS_FAIL}));
+        if (!any) return {0x80, {generated, failed}};
+        return {0xD5, {generated, selEventCode(slot, SEL_CLASS_OTHER_RUNNING)}};
     }
-}
-
-void checkExe(const Call& c, INT8U cc, int length) {
-    FUZZ_CHECK(length == 1);
-    const std::vector<INT8U> sel = selEvents();
-    const INT8U fileType = c.reqLen > 0 ? c.req[0] : 0;
-    const INT8U function = c.reqLen > 1 ? c.req[1] : 0;
-    const unsigned slot = slotIndex(EventKind::Restore, function, fileType);
-    const std::vector<INT8U> failed = entries(slot, {SEL_CLASS_GENERATED, SEL_CLASS_FAIL});
-    const bool web = function == BMC_WEB_CONSOLE;
-    if (c.reqLen != 6) {
-        FUZZ_CHECK(cc == 0xC7 && sel.empty());
-    } else if (fileType == EFI_FILE) {
-        FUZZ_CHECK(cc == 0x00 && sel.empty());
-    } else if (fileType > BMC_FILE) {
-        FUZZ_CHECK(cc == 0xC9 && sel.empty());
-    } else if (c.countdown) {
-        FUZZ_CHECK(cc == 0xD5);
-        FUZZ_CHECK(web ? sel == failed : sel.empty());
-    } else if (function == N_P_M || function == SVP_CONSOL) {
-        FUZZ_CHECK(cc == 0x00 && sel.empty());
-    } else if (function > BMC_WEB_CONSOLE) {
-        FUZZ_CHECK(cc == 0xC9 && sel.empty());
-    } else if (fuzz::anyEvent(c.svf)) {
-        FUZZ_CHECK(cc == 0xD5 && sel == failed);
-    } else if (c.fwUpdate >= 1 && c.fwUpdate <= 8) {
-        FUZZ_CHECK(cc == 0x80 && sel == entries(slot, {SEL_CLASS_GENERATED}));
-    } else {
-        FUZZ_CHECK(cc == 0x88 && sel == failed);
-    }
+    if (fileType == EFI_FILE) return {0x00, {}};
+    if (fileType > BMC_FILE) return {0xC9, {}};
+    if (countdown)
+        return {0xD5, function == BMC_WEB_CONSOLE ? test::Bytes{generated, failed} : test::Bytes{}};
+    if (function == N_P_M || function == SVP_CONSOL) return {0x00, {}};
+    if (function > BMC_WEB_CONSOLE) return {0xC9, {}};
+    if (any) return {0xD5, {generated, failed}};
+    if (fwUpdate >= 1 && fwUpdate <= 8) return {0x80, {generated}};
+    return {0x88, {generated, failed}};
 }
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-    fuzz::enterSandbox(argc, argv);
-    // The trace file exists from here on, so no query has to make it.
-    INT8U res[8];
-    fuzz::Quiet quiet;
-    (void)svfGetBackupRestoreEvent(nullptr, 0, res);
-    return 0;
-}
+// The trace file exists from then on, so no query has to make it.
+FUZZ_SANDBOXED(INT8U res[8]; (void)fuzz::quietly([&] { return svfGetBackupRestoreEvent(nullptr, 0, res); }))
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    constexpr std::size_t kPrefix = 2 + SVF_EVENT_SLOT_COUNT;
     if (size < kPrefix) return 0;
     const unsigned handler = data[0] % 3;
-    const std::uint8_t world = data[1];
-    Call c{};
-    std::memcpy(c.svf.svfStatusList, data + 2, SVF_EVENT_SLOT_COUNT);
-    c.reqLen = std::min<std::size_t>(size - kPrefix, 255);
-    c.countdown = (world & 3) != 0;
-    c.fwUpdate = static_cast<INT8U>(world >> 4);
-
+    const std::size_t reqLen = std::min<std::size_t>(size - kPrefix, 255), resLen = handler == 0 ? 8 : 1;
     hslSemiVolatileArea_T area{};
     FUZZ_CHECK(hostSemiVolRead(&area) == 0);
-    area.svf = c.svf;
+    svfSemiVol_T svf{};
+    std::memcpy(svf.svfStatusList, data + 2, SVF_EVENT_SLOT_COUNT);
+    area.svf = svf;
     FUZZ_CHECK(hostSemiVolWrite(&area) == 0);
-    gRebootAfterRestoreTimer = (world & 1) != 0 ? 30 : 0;
-    gKillProcessAfterFileChkTimer = (world & 2) != 0 ? 3 : 0;
-    const INT8U killBefore = gKillProcessAfterFileChkTimer;
-    hostSetFwUpdateState(c.fwUpdate);
-    FUZZ_CHECK(hostSelClear() == 0);
-    FUZZ_CHECK(hostFailCall("hslAcquireSysvSemaphore", 0, 1, EAGAIN) == 0);
+    gRebootAfterRestoreTimer = (data[1] & 1) != 0 ? 30 : 0;
+    gKillProcessAfterFileChkTimer = (data[1] & 2) != 0 ? 3 : 0;
+    hostSetFwUpdateState(INT8U(data[1] >> 4));
+    FUZZ_CHECK(hostSelClear() == 0 && hostFailCall("hslAcquireSysvSemaphore", 0, 1, EAGAIN) == 0);
     const svfRestoreType_T restoreBefore = gRestoreType;
 
-    const std::unique_ptr<INT8U[]> req(new INT8U[c.reqLen]);
-    std::memcpy(req.get(), data + kPrefix, c.reqLen);
-    c.req = req.get();
-    const std::size_t resLen = handler == 0 ? 8 : 1;
-    const std::unique_ptr<INT8U[]> res(new INT8U[resLen]);
+    const std::unique_ptr<INT8U[]> req(new INT8U[reqLen]), res(new INT8U[resLen]);
+    std::memcpy(req.get(), data + kPrefix, reqLen);
     std::memset(res.get(), 0xEE, resLen);
-    const auto reqLen = static_cast<INT8U>(c.reqLen);
-    int length;
-    {
-        fuzz::Quiet quiet;
-        switch (handler) {
-            case 0: length = svfGetBackupRestoreEvent(req.get(), reqLen, res.get()); break;
-            case 1: length = svfOEMSetBackupEvent(req.get(), reqLen, res.get(), 0); break;
-            default: length = svfOEMExeRestoreEvent(req.get(), reqLen, res.get(), 0); break;
-        }
-    }
-    switch (handler) {
-        case 0: checkGet(c, res.get(), length); break;
-        case 1: checkSet(c, res[0], length); break;
-        default: checkExe(c, res[0], length); break;
-    }
-
-    FUZZ_CHECK(hostSemiVolRead(&area) == 0);
-    FUZZ_CHECK(std::memcmp(&area.svf, &c.svf, sizeof c.svf) == 0);
+    const int length = fuzz::quietly([&, n = INT8U(reqLen)] {
+        return handler == 0   ? svfGetBackupRestoreEvent(req.get(), n, res.get())
+               : handler == 1 ? svfOEMSetBackupEvent(req.get(), n, res.get(), 0)
+                              : svfOEMExeRestoreEvent(req.get(), n, res.get(), 0);
+    });
+    const test::Bytes sel = test::selEvents();
+    if (handler == 0 && reqLen == 0) fuzz::checkEventAnswer(svf, res.get(), length);
+    FUZZ_CHECK(
+        handler != 0 || reqLen == 0 ||
+        (length == 1 && res[0] == 0xC7 && std::all_of(&res[1], &res[8], [](INT8U b) { return b == 0; })));
+    FUZZ_CHECK(handler == 0 ? sel.empty() : length == 1);
+    FUZZ_CHECK(handler == 0 ||
+               std::pair(res[0], sel) == expected(handler, reqLen, reqLen > 0 ? data[kPrefix] : 0,
+                                                  reqLen > 1 ? data[kPrefix + 1] : 0, fuzz::anyEvent(svf),
+                                                  (data[1] & 3) != 0, INT8U(data[1] >> 4)));
+    FUZZ_CHECK(hostSemiVolRead(&area) == 0 && std::memcmp(&area.svf, &svf, sizeof svf) == 0);
     FUZZ_CHECK(std::memcmp(&gRestoreType, &restoreBefore, sizeof restoreBefore) == 0);
-    FUZZ_CHECK(gKillProcessAfterFileChkTimer == killBefore);
+    FUZZ_CHECK(gKillProcessAfterFileChkTimer == ((data[1] & 2) != 0 ? 3 : 0));
     hostResetFaults();
     hostResetCounters();
     return 0;
