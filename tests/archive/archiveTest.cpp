@@ -35,7 +35,7 @@ const std::string kErr = "BRASK_ERR  : svfBraskArchiver(#) : ",
 // The library's own lines; the shell commands it runs print theirs.
 std::string libraryLines(const std::string& text) {
     std::string out;
-    for (const std::string& line : lines(text)) out += line.rfind("BRASK_", 0) == 0 ? line + "\n" : "";
+    for (const std::string& line : errorLines(text)) out += line + "\n";
     return out;
 }
 
