@@ -145,8 +145,10 @@ int traced(bool changeDetection) {
     {
         Quiet quiet;
         brask::bench::markBegin();
-        if (changeDetection) rc = svfChkBackupFileDiff(BMC_FILE) == 1 ? 0 : 1;
-        else rc = webConsoleBackup() == 0x00 ? 0 : 1;
+        if (changeDetection)
+            rc = svfChkBackupFileDiff(BMC_FILE) == 1 ? 0 : 1;
+        else
+            rc = webConsoleBackup() == 0x00 ? 0 : 1;
         brask::bench::markEnd();
     }
     return rc;
@@ -158,9 +160,7 @@ std::string programList(const brask::bench::Trace& t) {
     return brask::bench::describe(counts);
 }
 
-
-void report(const brask::bench::CollectingReporter& r,
-            const std::vector<int>& scales) {
+void report(const brask::bench::CollectingReporter& r, const std::vector<int>& scales) {
     using brask::bench::tableRow;
     for (const int scale : scales) {
         const std::string name = "BM_webConsoleBackupVsTar/" + std::to_string(scale);
@@ -168,7 +168,8 @@ void report(const brask::bench::CollectingReporter& r,
         auto c = [&](const char* counter) { return r.counter(name, counter); };
         const double backup = c("backup_ms"), tar = c("tar_ms"), inShell = c("in_shell_ms");
         const double floor = kMandatedCommands * c("sh_cat_ms");
-        tableRow({"web-console backup vs `tar -cf` of the same copies", format("%dx: %.0f files, %s", scale, c("files"), mib(c("bytes")).c_str()),
+        tableRow({"web-console backup vs `tar -cf` of the same copies",
+                  format("%dx: %.0f files, %s", scale, c("files"), mib(c("bytes")).c_str()),
                   format("%.1f ms", backup), format("%.1f ms", tar), format("%.2f", c("ratio")), "≤ 3",
                   format("%s; %.0f shell commands %.1f ms, rest of the library %.1f ms (%.2f × tar); "
                          "%d × (sh + one command) alone = %.1f ms = %.2f × tar",
@@ -177,8 +178,8 @@ void report(const brask::bench::CollectingReporter& r,
     }
     if (const auto* first = r.find("BM_firstWebConsoleBackup")) {
         tableRow({"web-console backup, every copy missing", "1x",
-                           format("%.1f ms", first->GetAdjustedRealTime()), "—", "—", "—",
-                           format("%.0f shell commands", r.counter("BM_firstWebConsoleBackup", "shell_cmds"))});
+                  format("%.1f ms", first->GetAdjustedRealTime()), "—", "—", "—",
+                  format("%.0f shell commands", r.counter("BM_firstWebConsoleBackup", "shell_cmds"))});
     }
 }
 
@@ -218,17 +219,20 @@ int main(int argc, char** argv) {
     const brask::bench::Trace backup = brask::bench::traceChild({"--traced-backup"});
     if (const auto* cd = reporter.find("BM_changeDetection")) {
         const double ms = cd->GetAdjustedRealTime();
-        brask::bench::tableRow({"svfChkBackupFileDiff(BMC_FILE), nothing changed", format("1x: %d rows, %.0f files", kCatalogueRows, reporter.counter("BM_changeDetection", "files")),
-                      format("%.2f ms = %.1f µs per row", ms, 1e3 * ms / kCatalogueRows),
-                      "1 process tree: `cp -p` of the FRU backup file", format("%ld processes", detection.processes),
-                      "only the FRU `cp -p`",
-                      format("%.1f ms of it in the shell command; ",
-                             reporter.counter("BM_changeDetection", "in_shell_ms")) +
-                          (detection.ok ? "strace -f: programs run: " + programList(detection) : "strace failed")});
+        brask::bench::tableRow(
+            {"svfChkBackupFileDiff(BMC_FILE), nothing changed",
+             format("1x: %d rows, %.0f files", kCatalogueRows,
+                    reporter.counter("BM_changeDetection", "files")),
+             format("%.2f ms = %.1f µs per row", ms, 1e3 * ms / kCatalogueRows),
+             "1 process tree: `cp -p` of the FRU backup file", format("%ld processes", detection.processes),
+             "only the FRU `cp -p`",
+             format("%.1f ms of it in the shell command; ",
+                    reporter.counter("BM_changeDetection", "in_shell_ms")) +
+                 (detection.ok ? "strace -f: programs run: " + programList(detection) : "strace failed")});
     }
-    brask::bench::tableRow({"web-console backup, processes", "1x",
-                                     format("%ld processes", backup.processes), "—", "—", "—",
-                                     backup.ok ? "strace -f: programs run: " + programList(backup) : "strace failed"});
+    brask::bench::tableRow({"web-console backup, processes", "1x", format("%ld processes", backup.processes),
+                            "—", "—", "—",
+                            backup.ok ? "strace -f: programs run: " + programList(backup) : "strace failed"});
     ok = ok && detection.ok && backup.ok;
 
     // Peak memory of one steady-state backup, against the largest catalogued file.

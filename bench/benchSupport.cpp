@@ -108,7 +108,8 @@ bool run(const std::vector<std::string>& args, const std::string& output) {
     posix_spawn_file_actions_t actions;
     (void)::posix_spawn_file_actions_init(&actions);
     if (!output.empty()) {
-        (void)::posix_spawn_file_actions_addopen(&actions, 1, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        (void)::posix_spawn_file_actions_addopen(&actions, 1, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                                 0644);
         (void)::posix_spawn_file_actions_adddup2(&actions, 1, 2);
     }
     pid_t pid = 0;
@@ -150,7 +151,7 @@ std::vector<std::string> backupCopies() {
 long largestActiveFile() {
     long largest = 0;
     for (const std::string& p : activeFiles()) {
-        struct stat st{};
+        struct stat st {};
         if (::stat(p.c_str(), &st) == 0) largest = std::max(largest, static_cast<long>(st.st_size));
     }
     return largest;
@@ -159,7 +160,7 @@ long largestActiveFile() {
 long totalActiveBytes() {
     long total = 0;
     for (const std::string& p : activeFiles()) {
-        struct stat st{};
+        struct stat st {};
         if (::stat(p.c_str(), &st) == 0) total += static_cast<long>(st.st_size);
     }
     return total;
@@ -255,8 +256,10 @@ Trace traceChild(const std::vector<std::string>& modeAndArgs) {
         ++t.total;
         if (name == "clone" || name == "clone3" || name == "fork" || name == "vfork") ++t.processes;
         if (name == "execve") {
-            if (line.find("<unfinished ...>") != std::string::npos) pendingExec[pid] = execPath(line, rest);
-            else if (returnedZero(line)) t.programs.push_back(execPath(line, rest));
+            if (line.find("<unfinished ...>") != std::string::npos)
+                pendingExec[pid] = execPath(line, rest);
+            else if (returnedZero(line))
+                t.programs.push_back(execPath(line, rest));
         }
     }
     if (std::getenv("BRASK_BENCH_KEEP_TRACE") == nullptr) std::remove(log.c_str());
@@ -318,11 +321,12 @@ bool peakMemoryRow(const char* measure, int scale, const char* mode, long idleKi
     const double largest = static_cast<double>(largestActiveFile());
     const double total = static_cast<double>(totalActiveBytes());
     const long peak = peakRssKiB({mode});
-    tableRow({measure, format("%dx", scale),
-              format("%.1f MiB (idle run of the same binary %.1f MiB)", peak / 1024.0, idleKiB / 1024.0),
-              "largest file " + mib(largest) + ", all files " + mib(total),
-              format("(peak − idle) / largest = %.2f", (static_cast<double>(peak - idleKiB) * 1024) / largest), "—",
-              notes});
+    tableRow(
+        {measure, format("%dx", scale),
+         format("%.1f MiB (idle run of the same binary %.1f MiB)", peak / 1024.0, idleKiB / 1024.0),
+         "largest file " + mib(largest) + ", all files " + mib(total),
+         format("(peak − idle) / largest = %.2f", (static_cast<double>(peak - idleKiB) * 1024) / largest),
+         "—", notes});
     return peak > 0;
 }
 

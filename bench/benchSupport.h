@@ -114,8 +114,8 @@ struct Trace {
     bool ok = false;
     std::map<std::string, long> syscalls;  // name -> count
     long total = 0;
-    long processes = 0;                     // clone/clone3/fork/vfork
-    std::vector<std::string> programs;      // execve'd paths, in order
+    long processes = 0;                 // clone/clone3/fork/vfork
+    std::vector<std::string> programs;  // execve'd paths, in order
 };
 Trace traceChild(const std::vector<std::string>& modeAndArgs);
 

@@ -128,11 +128,11 @@ int main(int argc, char** argv) {
         const double mem = nsPerByte("BM_inMemoryWordSum/" + std::to_string(size), size);
         const double ratio = lib > 0 ? mem / lib : 0;
         const bool target = size == kLargest;
-        brask::bench::tableRow({"svfGetFileSum, page-cached file (ext4)", sizeText(size),
-                      format("%.3f ns/B (%.1f µs)", lib, lib * static_cast<double>(size) / 1e3),
-                      format("%.3f ns/B in-memory word sum", mem), format("%.2f", ratio),
-                      target ? "≥ 0.5" : "—",
-                      target ? (ratio >= 0.5 ? "**met**" : "**missed**") : "ratio = limit / library"});
+        brask::bench::tableRow(
+            {"svfGetFileSum, page-cached file (ext4)", sizeText(size),
+             format("%.3f ns/B (%.1f µs)", lib, lib * static_cast<double>(size) / 1e3),
+             format("%.3f ns/B in-memory word sum", mem), format("%.2f", ratio), target ? "≥ 0.5" : "—",
+             target ? (ratio >= 0.5 ? "**met**" : "**missed**") : "ratio = limit / library"});
     }
     const double tmpfs = nsPerByte("BM_svfGetFileSumTmpfs", kLargest);
     brask::bench::tableRow({"svfGetFileSum, the same file on tmpfs", sizeText(kLargest),

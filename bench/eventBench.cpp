@@ -118,7 +118,8 @@ int main(int argc, char** argv) {
 
     const double median = reporter.counter("BM_getBackupRestoreEvent", "median_us");
     const double p99 = reporter.counter("BM_getBackupRestoreEvent", "p99_us");
-    const brask::bench::Trace trace = brask::bench::traceChild({"--event-calls", std::to_string(kTracedCalls)});
+    const brask::bench::Trace trace =
+        brask::bench::traceChild({"--event-calls", std::to_string(kTracedCalls)});
     const brask::bench::Trace lockMap =
         brask::bench::traceChild({"--lock-map-calls", std::to_string(kTracedCalls)});
     const double perCall = static_cast<double>(trace.total) / kTracedCalls;
@@ -126,19 +127,19 @@ int main(int argc, char** argv) {
     std::map<std::string, long> own = trace.syscalls;
     for (const auto& [name, n] : lockMap.syscalls) own[name] -= n;
     std::erase_if(own, [](const auto& e) { return e.second <= 0; });
-    brask::bench::tableRow({"svfGetBackupRestoreEvent, trace file present, no event", "one call",
-                  format("median %.1f µs, p99 %.1f µs", median, p99),
-                  format("minimum %d system calls (%s)", kMinimumSyscalls, kMinimumText),
-                  trace.ok ? format("%.1f system calls / %d", perCall, kMinimumSyscalls) : "strace failed",
-                  "—",
-                  trace.ok && lockMap.ok
-                      ? format("strace -f, per call: host platform's lock and map %.1f (minimum %d): ", platform,
-                               kMinimumLockMap) +
-                            brask::bench::describe(lockMap.syscalls, kTracedCalls) +
-                            format("; the library's own %.1f (minimum %d): ", perCall - platform,
-                                   kMinimumSyscalls - kMinimumLockMap) +
-                            brask::bench::describe(own, kTracedCalls)
-                      : "strace failed"});
+    brask::bench::tableRow(
+        {"svfGetBackupRestoreEvent, trace file present, no event", "one call",
+         format("median %.1f µs, p99 %.1f µs", median, p99),
+         format("minimum %d system calls (%s)", kMinimumSyscalls, kMinimumText),
+         trace.ok ? format("%.1f system calls / %d", perCall, kMinimumSyscalls) : "strace failed", "—",
+         trace.ok && lockMap.ok
+             ? format("strace -f, per call: host platform's lock and map %.1f (minimum %d): ", platform,
+                      kMinimumLockMap) +
+                   brask::bench::describe(lockMap.syscalls, kTracedCalls) +
+                   format("; the library's own %.1f (minimum %d): ", perCall - platform,
+                          kMinimumSyscalls - kMinimumLockMap) +
+                   brask::bench::describe(own, kTracedCalls)
+             : "strace failed"});
     benchmark::Shutdown();
     return trace.ok && lockMap.ok ? 0 : 1;
 }

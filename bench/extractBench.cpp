@@ -101,7 +101,7 @@ void BM_extractVsTar(benchmark::State& state) {
         unflushed += brask::bench::secondsOf(t6 - t5);
         (void)brask::bench::run({"/usr/bin/sync", "-f", "/conf"});  // untimed: the next run starts clean
         if (rcSplit != 0 || rcBlocks != 0 || !tarOk || !syncOk) {
-            state.SkipWithError(rcSplit != 0 ? "svfExtractBraskBackupFile failed"
+            state.SkipWithError(rcSplit != 0    ? "svfExtractBraskBackupFile failed"
                                 : rcBlocks != 0 ? "svfExtractBraskArchiveblock failed"
                                 : !tarOk        ? "tar -xf failed"
                                                 : "sync -f failed");
@@ -143,7 +143,6 @@ int restore() {
     return brask::test::commandLog().find("reboot") != std::string::npos ? 0 : 1;
 }
 
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -162,27 +161,32 @@ int main(int argc, char** argv) {
         const std::string name = "BM_extractVsTar/" + std::to_string(scale);
         if (reporter.find(name) == nullptr) continue;
         auto c = [&](const char* counter) { return reporter.counter(name, counter); };
-        brask::bench::tableRow({"full extraction vs `tar -xf` of the same files",
-                      format("%dx: %.0f files, %s", scale, c("files"), mib(c("bytes")).c_str()),
-                      format("%.1f ms (split %.1f, blocks %.1f)", c("extract_ms"), c("split_ms"), c("blocks_ms")),
-                      format("%.1f ms", c("tar_ms")), format("%.2f", c("ratio")), "≤ 1.5",
-                      format("%s; blocks alone %.2f × tar; %.0f shell commands", c("ratio") <= 1.5 ? "**met**" : "**missed**",
-                             c("blocks_ms") / c("tar_ms"), c("shell_cmds"))});
-        brask::bench::tableRow({"durable extraction vs `tar -xf; sync -f` on the same file system",
-                      format("%dx", scale), format("%.1f ms", c("extract_ms")),
-                      format("%.1f ms (sync -f %.1f)", c("tar_ms") + c("sync_ms"), c("sync_ms")),
-                      format("%.2f", c("ratio_durable")), "≤ 1.5",
-                      format("%s; without its flushes the extraction takes %.1f ms, so they cost %.1f ms; "
-                             "sync -f alone %.1f ms", c("ratio_durable") <= 1.5 ? "**met**" : "**missed**",
-                             c("unflushed_ms"), c("extract_ms") - c("unflushed_ms"), c("sync_ms"))});
+        brask::bench::tableRow(
+            {"full extraction vs `tar -xf` of the same files",
+             format("%dx: %.0f files, %s", scale, c("files"), mib(c("bytes")).c_str()),
+             format("%.1f ms (split %.1f, blocks %.1f)", c("extract_ms"), c("split_ms"), c("blocks_ms")),
+             format("%.1f ms", c("tar_ms")), format("%.2f", c("ratio")), "≤ 1.5",
+             format("%s; blocks alone %.2f × tar; %.0f shell commands",
+                    c("ratio") <= 1.5 ? "**met**" : "**missed**", c("blocks_ms") / c("tar_ms"),
+                    c("shell_cmds"))});
+        brask::bench::tableRow(
+            {"durable extraction vs `tar -xf; sync -f` on the same file system", format("%dx", scale),
+             format("%.1f ms", c("extract_ms")),
+             format("%.1f ms (sync -f %.1f)", c("tar_ms") + c("sync_ms"), c("sync_ms")),
+             format("%.2f", c("ratio_durable")), "≤ 1.5",
+             format("%s; without its flushes the extraction takes %.1f ms, so they cost %.1f ms; "
+                    "sync -f alone %.1f ms",
+                    c("ratio_durable") <= 1.5 ? "**met**" : "**missed**", c("unflushed_ms"),
+                    c("extract_ms") - c("unflushed_ms"), c("sync_ms"))});
     }
 
     bool ok = true;
     const long idle = brask::bench::peakRssKiB({"--rss-idle"});
     for (const int scale : options.quick ? std::vector<int>{1} : scales) {
         ok = webConsoleBackup(static_cast<unsigned>(scale)) && ok;
-        ok = brask::bench::peakMemoryRow("peak resident memory, one web-console restore", scale, "--rss-restore", idle,
-                                         "/usr/bin/time -v; command, then 10 ticks (deferred restore, stub reboot)") &&
+        ok = brask::bench::peakMemoryRow(
+                 "peak resident memory, one web-console restore", scale, "--rss-restore", idle,
+                 "/usr/bin/time -v; command, then 10 ticks (deferred restore, stub reboot)") &&
              ok;
     }
     benchmark::Shutdown();

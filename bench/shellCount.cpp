@@ -32,6 +32,8 @@ extern "C" int system(const char* command) {
 namespace brask::bench {
 
 unsigned long shellCommandCount() { return gShellCommands.load(std::memory_order_relaxed); }
-double shellSeconds() { return 1e-9 * static_cast<double>(gShellNanoseconds.load(std::memory_order_relaxed)); }
+double shellSeconds() {
+    return 1e-9 * static_cast<double>(gShellNanoseconds.load(std::memory_order_relaxed));
+}
 
 }  // namespace brask::bench

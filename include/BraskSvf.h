@@ -2,7 +2,7 @@
 #ifndef BRASKSVF_H
 #define BRASKSVF_H
 
-#include "BraskSvf/svfTypes.h"
 #include "BraskSvf/svfApi.h"
+#include "BraskSvf/svfTypes.h"
 
 #endif /* BRASKSVF_H */

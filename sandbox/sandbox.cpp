@@ -44,15 +44,13 @@ constexpr char kSandboxPath[] = "/sandbox/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 // children (LeakSanitizer).  Rebooting, loading modules, raw I/O, time and
 // network administration stay out of reach.
 constexpr const char* kCapabilities[] = {
-    "CAP_CHOWN",  "CAP_DAC_OVERRIDE", "CAP_DAC_READ_SEARCH", "CAP_FOWNER",     "CAP_FSETID",
-    "CAP_KILL",   "CAP_SETGID",       "CAP_SETUID",          "CAP_IPC_OWNER",  "CAP_SYS_ADMIN",
-    "CAP_SYS_PTRACE"};
+    "CAP_CHOWN",  "CAP_DAC_OVERRIDE", "CAP_DAC_READ_SEARCH", "CAP_FOWNER",    "CAP_FSETID",    "CAP_KILL",
+    "CAP_SETGID", "CAP_SETUID",       "CAP_IPC_OWNER",       "CAP_SYS_ADMIN", "CAP_SYS_PTRACE"};
 
 // What sanitizers, gtest and the tests read from procfs; the rest of /proc
 // is the stub tree.
-constexpr const char* kProcEntries[] = {"self",  "thread-self", "meminfo", "cpuinfo",
-                                        "stat",  "sys",         "mounts",  "filesystems",
-                                        "uptime", "loadavg"};
+constexpr const char* kProcEntries[] = {"self", "thread-self", "meminfo",     "cpuinfo", "stat",
+                                        "sys",  "mounts",      "filesystems", "uptime",  "loadavg"};
 
 [[noreturn]] void die(const char* what) {
     std::fprintf(stderr, "sandbox: %s: %s\n", what, std::strerror(errno));
@@ -60,7 +58,7 @@ constexpr const char* kProcEntries[] = {"self",  "thread-self", "meminfo", "cpui
 }
 
 bool isDir(const std::string& p) {
-    struct stat st{};
+    struct stat st {};
     return ::stat(p.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
@@ -94,7 +92,7 @@ void clearDirectoryAt(int dir, const std::string& path, dev_t dev) {
     }
     for (const std::string& name : names) {
         const std::string child = path + "/" + name;
-        struct stat st{};
+        struct stat st {};
         if (::fstatat(dir, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
         if (st.st_dev != dev) {
             if (::umount2(child.c_str(), MNT_DETACH) != 0 ||
@@ -117,7 +115,7 @@ void clearDirectoryAt(int dir, const std::string& path, dev_t dev) {
 // Empties a directory without removing it (it may be a mount point).
 void emptyDir(const std::string& dir) {
     ScopedFd fd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    struct stat st{};
+    struct stat st {};
     if (!fd || ::fstat(fd.get(), &st) != 0) return;
     clearDirectoryAt(fd.get(), dir, st.st_dev);
 }
@@ -160,8 +158,7 @@ void writeText(const char* path, const std::string& content) {
 
 std::string makeTemporaryDir() {
     const char* tmp = std::getenv("TMPDIR");
-    std::string tmpl = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") +
-                       "/brask-sandbox.XXXXXX";
+    std::string tmpl = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/brask-sandbox.XXXXXX";
     std::vector<char> buf(tmpl.begin(), tmpl.end());
     buf.push_back('\0');
     if (::mkdtemp(buf.data()) == nullptr) die("mkdtemp");
@@ -183,8 +180,7 @@ std::string absolutePath(const std::string& dir) {
 }
 
 bool startsWithDir(const std::string& path, const std::string& dir) {
-    return path.compare(0, dir.size(), dir) == 0 &&
-           (path.size() == dir.size() || path[dir.size()] == '/');
+    return path.compare(0, dir.size(), dir) == 0 && (path.size() == dir.size() || path[dir.size()] == '/');
 }
 
 // The sandbox process, so that a terminating signal sent to us (Ctrl-C, a
@@ -197,11 +193,10 @@ void forwardSignal(int sig) {
     if (gSandboxPid > 0) (void)::kill(static_cast<pid_t>(gSandboxPid), SIGKILL);
 }
 
-std::vector<std::string> bwrapArguments(const char* bwrap, const std::string& state,
-                                        const std::string& exe, char** argv,
-                                        const Options& options) {
-    std::vector<std::string> a = {bwrap, "--die-with-parent", "--unshare-pid", "--unshare-ipc",
-                                  "--unshare-uts", "--unshare-net", "--hostname", "bmc-sandbox"};
+std::vector<std::string> bwrapArguments(const char* bwrap, const std::string& state, const std::string& exe,
+                                        char** argv, const Options& options) {
+    std::vector<std::string> a = {bwrap,           "--die-with-parent", "--unshare-pid", "--unshare-ipc",
+                                  "--unshare-uts", "--unshare-net",     "--hostname",    "bmc-sandbox"};
     // As root no user namespace, so chown to other ids works for real.
     if (::geteuid() != 0) a.push_back("--unshare-user");
     a.insert(a.end(), {"--cap-drop", "ALL"});
@@ -210,8 +205,10 @@ std::vector<std::string> bwrapArguments(const char* bwrap, const std::string& st
     a.insert(a.end(), {"--ro-bind", "/usr", "/usr"});
     for (const char* top : {"/bin", "/sbin", "/lib", "/lib32", "/lib64", "/libx32"}) {
         std::string target = hostLink(top);
-        if (!target.empty()) a.insert(a.end(), {"--symlink", target, top});
-        else if (isDir(top)) a.insert(a.end(), {"--ro-bind", top, top});
+        if (!target.empty())
+            a.insert(a.end(), {"--symlink", target, top});
+        else if (isDir(top))
+            a.insert(a.end(), {"--ro-bind", top, top});
     }
     if (isDir("/etc/init.d")) {
         a.insert(a.end(), {"--ro-bind", "/etc", "/etc"});
@@ -224,31 +221,50 @@ std::vector<std::string> bwrapArguments(const char* bwrap, const std::string& st
                 if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
                 const std::string path = std::string("/etc/") + e->d_name;
                 const std::string target = hostLink(path.c_str());
-                if (!target.empty()) a.insert(a.end(), {"--symlink", target, path});
-                else a.insert(a.end(), {"--ro-bind-try", path, path});
+                if (!target.empty())
+                    a.insert(a.end(), {"--symlink", target, path});
+                else
+                    a.insert(a.end(), {"--ro-bind-try", path, path});
             }
             (void)::closedir(d);
         }
     }
-    a.insert(a.end(), {"--ro-bind", BRASK_SANDBOX_FILES "/init.d", "/etc/init.d",
-                       "--remount-ro", "/etc",
-                       "--ro-bind", BRASK_SANDBOX_FILES "/bin", "/sandbox/bin",
-                       "--dev", "/dev", "--tmpfs", "/tmp",
-                       "--bind", state + "/conf", "/conf",
-                       "--bind", state + "/var", "/var",
-                       "--bind", state + "/run", kRunDir,
-                       "--proc", "/run/realproc",
-                       "--tmpfs", "/proc",
-                       "--symlink", "/run/brask/ractrends", "/proc/ractrends"});
+    a.insert(a.end(), {"--ro-bind",
+                       BRASK_SANDBOX_FILES "/init.d",
+                       "/etc/init.d",
+                       "--remount-ro",
+                       "/etc",
+                       "--ro-bind",
+                       BRASK_SANDBOX_FILES "/bin",
+                       "/sandbox/bin",
+                       "--dev",
+                       "/dev",
+                       "--tmpfs",
+                       "/tmp",
+                       "--bind",
+                       state + "/conf",
+                       "/conf",
+                       "--bind",
+                       state + "/var",
+                       "/var",
+                       "--bind",
+                       state + "/run",
+                       kRunDir,
+                       "--proc",
+                       "/run/realproc",
+                       "--tmpfs",
+                       "/proc",
+                       "--symlink",
+                       "/run/brask/ractrends",
+                       "/proc/ractrends"});
     for (const char* e : kProcEntries) {
-        a.insert(a.end(), {"--symlink", std::string("/run/realproc/") + e,
-                           std::string("/proc/") + e});
+        a.insert(a.end(), {"--symlink", std::string("/run/realproc/") + e, std::string("/proc/") + e});
     }
 
     // The project itself (binaries, libraries, test data), read-only.
     const std::string exeDir = exe.substr(0, exe.rfind('/'));
-    for (const std::string& dir : {std::string(BRASK_SANDBOX_SOURCE_DIR),
-                                   std::string(BRASK_SANDBOX_BINARY_DIR), exeDir}) {
+    for (const std::string& dir :
+         {std::string(BRASK_SANDBOX_SOURCE_DIR), std::string(BRASK_SANDBOX_BINARY_DIR), exeDir}) {
         a.insert(a.end(), {"--ro-bind", dir, dir});
     }
     for (const std::string& path : options.readOnlyPaths) {
@@ -262,12 +278,9 @@ std::vector<std::string> bwrapArguments(const char* bwrap, const std::string& st
     char cwd[4096];
     const std::string where = ::getcwd(cwd, sizeof cwd) != nullptr ? cwd : "/tmp";
     const bool visible = startsWithDir(where, BRASK_SANDBOX_BINARY_DIR) ||
-                         startsWithDir(where, BRASK_SANDBOX_SOURCE_DIR) ||
-                         startsWithDir(where, exeDir);
-    a.insert(a.end(), {"--chdir", visible ? where : std::string("/tmp"),
-                       "--setenv", kInsideEnv, "1",
-                       "--setenv", "PATH", kSandboxPath,
-                       "--"});
+                         startsWithDir(where, BRASK_SANDBOX_SOURCE_DIR) || startsWithDir(where, exeDir);
+    a.insert(a.end(), {"--chdir", visible ? where : std::string("/tmp"), "--setenv", kInsideEnv, "1",
+                       "--setenv", "PATH", kSandboxPath, "--"});
     for (const std::string& word : emulatorPrefix()) a.push_back(word);
     a.push_back(exe);
     for (int i = 1; argv[i] != nullptr; ++i) a.emplace_back(argv[i]);
@@ -312,7 +325,7 @@ bool insideSandbox() {
     // tmpfs, never so on a host) cannot.
     const char* v = std::getenv(kInsideEnv);
     if (v == nullptr || std::strcmp(v, "1") != 0) return false;
-    struct statfs fs{};
+    struct statfs fs {};
     return ::statfs("/proc", &fs) == 0 && fs.f_type == TMPFS_MAGIC;
 }
 
@@ -347,7 +360,7 @@ void enterSandbox(int argc, char** argv, const Options& options) {
     for (auto& s : a) args.push_back(s.data());
     args.push_back(nullptr);
 
-    struct sigaction forward{};
+    struct sigaction forward {};
     forward.sa_handler = forwardSignal;
     (void)sigemptyset(&forward.sa_mask);
     for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) (void)::sigaction(sig, &forward, nullptr);
@@ -367,8 +380,10 @@ void enterSandbox(int argc, char** argv, const Options& options) {
     }
     const char* keep = std::getenv(kKeepEnv);
     if (temporary) {
-        if (keep == nullptr || *keep == '\0') removeTree(state);
-        else std::fprintf(stderr, "sandbox: state kept in %s\n", state.c_str());
+        if (keep == nullptr || *keep == '\0')
+            removeTree(state);
+        else
+            std::fprintf(stderr, "sandbox: state kept in %s\n", state.c_str());
     }
 
     if (gCaughtSignal != 0) {

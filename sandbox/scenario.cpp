@@ -20,8 +20,7 @@ namespace brask::sandbox {
 namespace {
 
 void makeParents(const std::string& path) {
-    for (std::size_t pos = path.find('/', 1); pos != std::string::npos;
-         pos = path.find('/', pos + 1)) {
+    for (std::size_t pos = path.find('/', 1); pos != std::string::npos; pos = path.find('/', pos + 1)) {
         const std::string dir = path.substr(0, pos);
         if (::mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) {
             throw std::runtime_error("mkdir " + dir + ": " + std::strerror(errno));
@@ -43,8 +42,7 @@ void writeRaw(const std::string& path, const void* data, std::size_t size, mode_
 using Rng = std::mt19937;
 
 std::string base64ish(Rng& rng, std::size_t n) {
-    static constexpr char kAlphabet[] =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    static constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     std::string s;
     s.reserve(n);
     for (std::size_t i = 0; i < n; ++i) s += kAlphabet[rng() % 64];
@@ -133,9 +131,7 @@ std::string fruBackup(Rng& rng, unsigned scale) {
 std::map<std::string, std::pair<std::string, mode_t>> contents(bool optional, unsigned scale) {
     Rng rng(0x5EED);
     std::map<std::string, std::pair<std::string, mode_t>> f;
-    auto text = [&](const char* path, std::string s, mode_t mode = 0644) {
-        f[path] = {std::move(s), mode};
-    };
+    auto text = [&](const char* path, std::string s, mode_t mode = 0644) { f[path] = {std::move(s), mode}; };
 
     // Every mandatory row.
     text("/conf/resolv.conf", "search bmc.example.net\nnameserver 192.0.2.53\nnameserver 192.0.2.54\n");
@@ -153,8 +149,8 @@ std::map<std::string, std::pair<std::string, mode_t>> contents(bool optional, un
     std::string shadow = "root:$1$abcdefgh$0123456789abcdef012345:19000:0:99999:7:::\n";
     for (int u = 0; u < 3; ++u) {
         const std::string name = "bmcuser" + std::to_string(u);
-        passwd += name + ":x:" + std::to_string(1000 + u) + ":100::/conf/brask/bum_home/" + name +
-                  ":/bin/sh\n";
+        passwd +=
+            name + ":x:" + std::to_string(1000 + u) + ":100::/conf/brask/bum_home/" + name + ":/bin/sh\n";
         shadow += name + ":$1$" + base64ish(rng, 8) + "$" + base64ish(rng, 22) + ":19000:0:99999:7:::\n";
     }
     text("/conf/passwd", passwd);

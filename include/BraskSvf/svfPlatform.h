@@ -41,8 +41,8 @@ int hslAddSEL(INT8U Arg1, INT8U Arg2, INT8U EventData);
 int hslChkMakeFile(const char* pFilePath, int Size);
 
 /* EEPROM transfer; returns the number of bytes transferred. */
-int brask_ReadWriteEEPROM(INT8U Bus, INT8U Channel, INT8U SlaveAddr, INT8U* pBuf,
-                          INT32U Offset, INT32U Length, INT8U Write);
+int brask_ReadWriteEEPROM(INT8U Bus, INT8U Channel, INT8U SlaveAddr, INT8U* pBuf, INT32U Offset,
+                          INT32U Length, INT8U Write);
 
 /* Non-zero low byte: the BMC's network is in maintenance mode. */
 int lanCheckMaintenanceMode(void);

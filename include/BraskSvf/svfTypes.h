@@ -47,11 +47,7 @@ enum { EFI_FILE = 0, BMC_FILE = 1 };
 enum { N_P_M = 0, SVP_CONSOL = 1, BMC_WEB_CONSOLE = 2 };
 
 /* ---- Event slots: svfStatusTable[kind][Function][FileType], restores first */
-enum {
-    SVF_EVENT_SLOT_COUNT = 12,
-    SVF_RESTORE_SLOT_BASE = 0,
-    SVF_BACKUP_SLOT_BASE = 6
-};
+enum { SVF_EVENT_SLOT_COUNT = 12, SVF_RESTORE_SLOT_BASE = 0, SVF_BACKUP_SLOT_BASE = 6 };
 
 /* ---- Event states (one status byte per slot) ----------------------------- */
 enum {
@@ -262,8 +258,8 @@ typedef void* HSharedMem_T;
 
 /* ---- Backup catalogue ---------------------------------------------------- */
 #define SVF_FILE_PASS_SIZE 152
-enum { STATIC = 0, DYNAMIC = 1 };          /* ExistencType */
-enum { WHOLE = 0, PART = 1 };              /* TargetPart */
+enum { STATIC = 0, DYNAMIC = 1 };                         /* ExistencType */
+enum { WHOLE = 0, PART = 1 };                             /* TargetPart */
 enum { RESTORE_OVERWRITE = 0, RESTORE_DELETE_FIRST = 4 }; /* RestoreType */
 
 typedef struct {

@@ -41,8 +41,8 @@ bool readSelTime(INT32U& timeStamp) {
         SVF_ERR("API_ExecuteCmd Fail\n");
         return false;
     }
-    timeStamp = (INT32U{pkt.Data[1]} << 24) | (INT32U{pkt.Data[2]} << 16) |
-                (INT32U{pkt.Data[3]} << 8) | INT32U{pkt.Data[4]};
+    timeStamp = (INT32U{pkt.Data[1]} << 24) | (INT32U{pkt.Data[2]} << 16) | (INT32U{pkt.Data[3]} << 8) |
+                INT32U{pkt.Data[4]};
     return true;
 }
 
@@ -165,7 +165,8 @@ int createBackupFile(const catalogue::Selection& cat, INT8U fwType) {
         SVF_ERR("fopen fail(%d)\n", errno);
         return -1;
     }
-    if (!writeAll(out.get(), format::encodeBackupHeader(header)) || !writeTable(out.get(), table, numOfBlock)) {
+    if (!writeAll(out.get(), format::encodeBackupHeader(header)) ||
+        !writeTable(out.get(), table, numOfBlock)) {
         SVF_ERR("fwrite fail(%d)\n", errno);
         return -1;
     }

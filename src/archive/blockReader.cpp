@@ -56,10 +56,17 @@ public:
 
 void runDeviceRestore(plan::Device device) {
     switch (device) {
-        case plan::Device::Fru: (void)svfRestoreFRU(); break;
-        case plan::Device::PostCheckCode: (void)svfRestorePostCheckCode(); break;
-        case plan::Device::WatchdogParameters: (void)svfRestoreWatchdogParameters(); break;
-        case plan::Device::None: break;
+        case plan::Device::Fru:
+            (void)svfRestoreFRU();
+            break;
+        case plan::Device::PostCheckCode:
+            (void)svfRestorePostCheckCode();
+            break;
+        case plan::Device::WatchdogParameters:
+            (void)svfRestoreWatchdogParameters();
+            break;
+        case plan::Device::None:
+            break;
     }
 }
 
@@ -144,10 +151,10 @@ private:
             bytes += step.data.size();
             ++count;
             char target[SVF_FILE_PASS_SIZE];
-            staged_[i] = step.action == plan::Action::WriteParts
-                             ? replace::stageParts(pathOf(step, target), step.data, PmconfigList,
-                                                   step.info, sync_)
-                             : replace::stageWhole(pathOf(step, target), step.data, step.info, sync_);
+            staged_[i] =
+                step.action == plan::Action::WriteParts
+                    ? replace::stageParts(pathOf(step, target), step.data, PmconfigList, step.info, sync_)
+                    : replace::stageWhole(pathOf(step, target), step.data, step.info, sync_);
             if (!staged_[i].ok()) {
                 ++i;  // the pass ends at this step
                 break;
@@ -171,7 +178,8 @@ private:
 
     static const char* pathOf(const plan::EntryStep& step, char (&buffer)[SVF_FILE_PASS_SIZE]) {
         std::memset(buffer, 0, sizeof buffer);
-        if (!step.target.empty()) std::memcpy(buffer, step.target.data(), step.target.size());  // below 152 bytes
+        if (!step.target.empty())
+            std::memcpy(buffer, step.target.data(), step.target.size());  // below 152 bytes
         return buffer;
     }
 

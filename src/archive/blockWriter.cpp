@@ -122,10 +122,15 @@ int writeBlock(const brask::catalogue::Selection& cat, int numOfFiles, unsigned 
         const BackupFileList_T& row = cat.rows[i];
         if (row.TargetArcBlock != n) continue;
         switch (packRow(block.get(), row, entry)) {
-            case Packed::Ok: ++header.NumOfEntry; break;
-            case Packed::Skipped: break;
-            case Packed::Missing: return SVF_ARCHIVE_MISSING_FILE;
-            case Packed::Failed: return SVF_ARCHIVE_FAIL;
+            case Packed::Ok:
+                ++header.NumOfEntry;
+                break;
+            case Packed::Skipped:
+                break;
+            case Packed::Missing:
+                return SVF_ARCHIVE_MISSING_FILE;
+            case Packed::Failed:
+                return SVF_ARCHIVE_FAIL;
         }
     }
     SVF_DEBUG("Combined File = %d\n", static_cast<int>(header.NumOfEntry));

@@ -39,8 +39,7 @@ int svfUpdateBMCCapability(INI_BMC_CAPABILITY_T* pBackupCapability) {
         SVF_DEBUG("svfUpdateBMCCapability fread fail");
         return -1;
     }
-    std::memcpy(pBackupCapability->InterfaceREV, restored.InterfaceREV,
-                sizeof restored.InterfaceREV);
+    std::memcpy(pBackupCapability->InterfaceREV, restored.InterfaceREV, sizeof restored.InterfaceREV);
     std::rewind(fp.get());
     if (std::fwrite(pBackupCapability, sizeof *pBackupCapability, 1, fp.get()) != 1) {
         SVF_DEBUG("svfUpdateBMCCapability fwrite fail");

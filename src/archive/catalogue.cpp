@@ -141,15 +141,12 @@ constexpr bool allInBlockOne() {
     }
     return true;
 }
-constexpr bool samePath(const char* a, std::string_view b) {
-    return std::string_view(a) == b;
-}
+constexpr bool samePath(const char* a, std::string_view b) { return std::string_view(a) == b; }
 static_assert(countRows(STATIC, RESTORE_OVERWRITE) == 13);
 static_assert(countRows(DYNAMIC, RESTORE_OVERWRITE) == 27);
 static_assert(countRows(DYNAMIC, RESTORE_DELETE_FIRST) == 69);
 static_assert(allInBlockOne());
-static_assert(samePath(BmcBackupFileList[28].FilePass,
-                       "/conf/brask/bum_home/bmcuser0/.ssh/authorized_keys"));
+static_assert(samePath(BmcBackupFileList[28].FilePass, "/conf/brask/bum_home/bmcuser0/.ssh/authorized_keys"));
 static_assert(samePath(BmcBackupFileList[87].FilePass, "/conf/brask/bum_home/bmcuser11/sshpubkey4"));
 static_assert(samePath(BmcBackupFileList[108].FilePass, brask::paths::kPmConfigFile));
 

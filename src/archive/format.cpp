@@ -10,9 +10,7 @@
 namespace brask::format {
 namespace {
 
-std::uint16_t getU16(const std::uint8_t* p) {
-    return static_cast<std::uint16_t>(p[0] | (p[1] << 8));
-}
+std::uint16_t getU16(const std::uint8_t* p) { return static_cast<std::uint16_t>(p[0] | (p[1] << 8)); }
 
 std::uint32_t getU32(const std::uint8_t* p) {
     return std::uint32_t{p[0]} | (std::uint32_t{p[1]} << 8) | (std::uint32_t{p[2]} << 16) |
@@ -23,12 +21,18 @@ std::uint32_t getU32(const std::uint8_t* p) {
 
 const char* statusText(Status s) {
     switch (s) {
-        case Status::Ok: return "ok";
-        case Status::Truncated: return "truncated";
-        case Status::NameTooLong: return "name too long";
-        case Status::OffsetBeforeName: return "data offset inside its descriptor";
-        case Status::NegativeSize: return "negative size";
-        case Status::DataPastEnd: return "data past the end";
+        case Status::Ok:
+            return "ok";
+        case Status::Truncated:
+            return "truncated";
+        case Status::NameTooLong:
+            return "name too long";
+        case Status::OffsetBeforeName:
+            return "data offset inside its descriptor";
+        case Status::NegativeSize:
+            return "negative size";
+        case Status::DataPastEnd:
+            return "data past the end";
     }
     return "unknown";
 }
@@ -184,8 +188,8 @@ std::array<std::uint8_t, kArchiveHeaderSize> encodeArchiveHeader(const svfBraskA
 Status decodeArchiveEntry(Bytes block, std::size_t offset, ArchiveEntry& out) {
     ByteCursor c(block);
     svfBraskArchiveEntryInfo_T info{};
-    if (!c.seek(offset) || !c.u32(info.FileOffset) || !c.i32(info.FileSize) ||
-        !c.u32(info.FileUid) || !c.u32(info.FileGid) || !c.u32(info.FilePermission)) {
+    if (!c.seek(offset) || !c.u32(info.FileOffset) || !c.i32(info.FileSize) || !c.u32(info.FileUid) ||
+        !c.u32(info.FileGid) || !c.u32(info.FilePermission)) {
         return Status::Truncated;
     }
     const std::size_t nameStart = c.pos();
@@ -209,7 +213,12 @@ Status decodeArchiveEntry(Bytes block, std::size_t offset, ArchiveEntry& out) {
 
 std::array<std::uint8_t, kArchiveEntryInfoSize> encodeArchiveEntryInfo(const svfBraskArchiveEntryInfo_T& in) {
     std::array<std::uint8_t, kArchiveEntryInfoSize> out{};
-    ByteWriter(out).u32(in.FileOffset).i32(in.FileSize).u32(in.FileUid).u32(in.FileGid).u32(in.FilePermission);
+    ByteWriter(out)
+        .u32(in.FileOffset)
+        .i32(in.FileSize)
+        .u32(in.FileUid)
+        .u32(in.FileGid)
+        .u32(in.FilePermission);
     return out;
 }
 
@@ -243,14 +252,12 @@ Status decodeBackupHeader(Bytes file, svfBraskBackupFileHeader_T& out) {
     svfBraskBackupFileHeader_T h{};
     std::uint32_t timeStamp = 0;
     std::uint32_t chkSum = 0;
-    const bool ok = c.u8(h.Version) && c.u8(h.DataRev) && c.copy(h.Reserve, sizeof h.Reserve) &&
-                    c.copy(h.ModelNumber, sizeof h.ModelNumber) &&
-                    c.copy(h.SerialNumber, sizeof h.SerialNumber) &&
-                    c.copy(h.ModuleType, sizeof h.ModuleType) &&
-                    c.copy(h.Reserve2, sizeof h.Reserve2) && c.copy(h.UUID, sizeof h.UUID) &&
-                    c.u32(timeStamp) && c.u8(h.BmcRev.Major) && c.u8(h.BmcRev.Minor) &&
-                    c.u8(h.EfiRev.Major) && c.u8(h.EfiRev.Minor) && c.u8(h.FwType) &&
-                    c.u8(h.NumOfBlock) && c.u32(chkSum);
+    const bool ok =
+        c.u8(h.Version) && c.u8(h.DataRev) && c.copy(h.Reserve, sizeof h.Reserve) &&
+        c.copy(h.ModelNumber, sizeof h.ModelNumber) && c.copy(h.SerialNumber, sizeof h.SerialNumber) &&
+        c.copy(h.ModuleType, sizeof h.ModuleType) && c.copy(h.Reserve2, sizeof h.Reserve2) &&
+        c.copy(h.UUID, sizeof h.UUID) && c.u32(timeStamp) && c.u8(h.BmcRev.Major) && c.u8(h.BmcRev.Minor) &&
+        c.u8(h.EfiRev.Major) && c.u8(h.EfiRev.Minor) && c.u8(h.FwType) && c.u8(h.NumOfBlock) && c.u32(chkSum);
     if (!ok) return Status::Truncated;
     h.TimeStamp = timeStamp;
     h.ChkSum = chkSum;
@@ -337,25 +344,34 @@ HeaderVerdict judgeBackupHeader(const svfBraskBackupFileHeader_T& header, std::u
 
 Refusal refusalOf(HeaderVerdict verdict) {
     switch (verdict) {
-        case HeaderVerdict::Checksum: return {SVF_EXTRACT_CHECKSUM_MISMATCH, "ChkSum not Match"};
-        case HeaderVerdict::UnknownFormat: return {SVF_EXTRACT_UNKNOWN_FORMAT, "Unknown File Format"};
-        case HeaderVerdict::FwTypeMismatch: return {SVF_EXTRACT_FW_TYPE_MISMATCH, "FwTyep not Match"};
-        case HeaderVerdict::UnknownDataRev: return {SVF_EXTRACT_UNKNOWN_DATA_REV, "Unknown Data Rev"};
-        case HeaderVerdict::Ok: break;
+        case HeaderVerdict::Checksum:
+            return {SVF_EXTRACT_CHECKSUM_MISMATCH, "ChkSum not Match"};
+        case HeaderVerdict::UnknownFormat:
+            return {SVF_EXTRACT_UNKNOWN_FORMAT, "Unknown File Format"};
+        case HeaderVerdict::FwTypeMismatch:
+            return {SVF_EXTRACT_FW_TYPE_MISMATCH, "FwTyep not Match"};
+        case HeaderVerdict::UnknownDataRev:
+            return {SVF_EXTRACT_UNKNOWN_DATA_REV, "Unknown Data Rev"};
+        case HeaderVerdict::Ok:
+            break;
     }
     return {0, ""};
 }
 
 Refusal refusalOf(IdentityVerdict verdict) {
     switch (verdict) {
-        case IdentityVerdict::ModelMismatch: return {SVF_EXTRACT_IDENTITY_MISMATCH, "ModelNumber Mismatch"};
-        case IdentityVerdict::SerialMismatch: return {SVF_EXTRACT_IDENTITY_MISMATCH, "SerialNumber Mismatch"};
-        case IdentityVerdict::Ok: break;
+        case IdentityVerdict::ModelMismatch:
+            return {SVF_EXTRACT_IDENTITY_MISMATCH, "ModelNumber Mismatch"};
+        case IdentityVerdict::SerialMismatch:
+            return {SVF_EXTRACT_IDENTITY_MISMATCH, "SerialNumber Mismatch"};
+        case IdentityVerdict::Ok:
+            break;
     }
     return {0, ""};
 }
 
-IdentityVerdict compareIdentity(const svfBraskBackupFileHeader_T& own, const svfBraskBackupFileHeader_T& file) {
+IdentityVerdict compareIdentity(const svfBraskBackupFileHeader_T& own,
+                                const svfBraskBackupFileHeader_T& file) {
     if (std::memcmp(own.ModelNumber, file.ModelNumber, sizeof own.ModelNumber) != 0) {
         return IdentityVerdict::ModelMismatch;
     }

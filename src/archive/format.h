@@ -42,11 +42,11 @@ constexpr std::uint8_t inheritanceTypeFor(unsigned blockIndex) {
 
 enum class Status {
     Ok,
-    Truncated,          // the span ends before the structure does
-    NameTooLong,        // a stored name of 152 bytes or more
-    OffsetBeforeName,   // FileOffset points before the end of its descriptor
-    NegativeSize,       // FileSize or BlockSize below 0
-    DataPastEnd,        // data or a block reaches past the end of the span
+    Truncated,         // the span ends before the structure does
+    NameTooLong,       // a stored name of 152 bytes or more
+    OffsetBeforeName,  // FileOffset points before the end of its descriptor
+    NegativeSize,      // FileSize or BlockSize below 0
+    DataPastEnd,       // data or a block reaches past the end of the span
 };
 const char* statusText(Status s);
 
@@ -192,7 +192,8 @@ constexpr unsigned blocksRestored(const svfBraskBackupFileHeader_T& header, unsi
 
 // This server's model and serial number against a backup's.
 enum class IdentityVerdict { Ok, ModelMismatch, SerialMismatch };
-IdentityVerdict compareIdentity(const svfBraskBackupFileHeader_T& own, const svfBraskBackupFileHeader_T& file);
+IdentityVerdict compareIdentity(const svfBraskBackupFileHeader_T& own,
+                                const svfBraskBackupFileHeader_T& file);
 Refusal refusalOf(IdentityVerdict verdict);
 
 // ---- Telling the two formats apart ----------------------------------------------

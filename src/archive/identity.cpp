@@ -27,8 +27,10 @@ using brask::ScopedFile;
 constexpr unsigned kProductAreaOffset = 0x80;
 constexpr unsigned kReadModelNumberOffset = 0xA1;
 constexpr unsigned kReadSerialNumberOffset = 0xCD;
-constexpr unsigned kWriteModelNumberOffset = offsetof(FruProductInfoArea_T, ProductModelNumber);   // 0xA0 in the FRU
-constexpr unsigned kWriteSerialNumberOffset = offsetof(FruProductInfoArea_T, ProductSerialNumber); // 0xCC in the FRU
+constexpr unsigned kWriteModelNumberOffset =
+    offsetof(FruProductInfoArea_T, ProductModelNumber);  // 0xA0 in the FRU
+constexpr unsigned kWriteSerialNumberOffset =
+    offsetof(FruProductInfoArea_T, ProductSerialNumber);  // 0xCC in the FRU
 constexpr unsigned kModuleTypeOffset = 0xF8;
 constexpr unsigned kUuidOffset = 0x15E;
 static_assert(kProductAreaOffset + kWriteModelNumberOffset + 1 == kReadModelNumberOffset);
@@ -88,8 +90,8 @@ int svfGetProductIdFru(svfBraskBackupFileHeader_T* pHeader) {
     if (!readFru(pkt, kUuidOffset, sizeof pHeader->UUID)) return -1;
     std::memcpy(pHeader->UUID, data, sizeof pHeader->UUID);
     const INT8U* u = pHeader->UUID;
-    SVF_DEBUG("UUID = %x %x %x %x %x %x %x %x %x %x.....\n", u[0], u[1], u[2], u[3], u[4], u[5],
-              u[6], u[7], u[8], u[9]);
+    SVF_DEBUG("UUID = %x %x %x %x %x %x %x %x %x %x.....\n", u[0], u[1], u[2], u[3], u[4], u[5], u[6], u[7],
+              u[8], u[9]);
     return 0;
 }
 

@@ -45,4 +45,3 @@ int svfGetActiveFilePass(char* BackupFileName, char* ActiveFilePasss) {
     }
     return 0;
 }
-

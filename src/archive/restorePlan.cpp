@@ -156,7 +156,8 @@ void BlockPlan::planEntries(const catalogue::Selection& cat, format::Bytes block
             step.action = Action::Write;
             step.device = deviceFor(step.target);
         }
-        if (step.writes()) present[catalogue::indexOf(cat, step.row)] = written[catalogue::indexOf(cat, step.row)] = true;
+        if (step.writes())
+            present[catalogue::indexOf(cat, step.row)] = written[catalogue::indexOf(cat, step.row)] = true;
         ++entryCount_;
     }
     for (std::size_t d = 0; d < deletionCount_; ++d) {

@@ -65,7 +65,7 @@ enum class Action : std::uint8_t {
 struct EntryStep {
     Action action = Action::SkipUnknown;
     unsigned entryIndex = 0;
-    std::string_view target;  // the active path (into the block, not NUL-terminated)
+    std::string_view target;                // the active path (into the block, not NUL-terminated)
     const BackupFileList_T* row = nullptr;  // null unless a catalogue row names the target
     svfBraskArchiveEntryInfo_T info{};
     format::Bytes data;

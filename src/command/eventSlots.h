@@ -23,20 +23,16 @@ struct EventSlot {
 inline constexpr std::array<EventSlot, SVF_EVENT_SLOT_COUNT> kEventSlots{{
     {EFI_FILE, N_P_M, "Restore.NpM.Efi > ST_GENERATED", "Restore.NpM.Efi == ST_GENERATED"},
     {BMC_FILE, N_P_M, "Restore.NpM.Bmc > ST_GENERATED", "Restore.NpM.Bmc == ST_GENERATED"},
-    {EFI_FILE, SVP_CONSOL, "Restore.SvpConsole.Efi > ST_GENERATED",
-     "Restore.SvpConsole.Efi == ST_GENERATED"},
-    {BMC_FILE, SVP_CONSOL, "Restore.SvpConsole.Bmc > ST_GENERATED",
-     "Restore.SvpConsole.Bmc == ST_GENERATED"},
+    {EFI_FILE, SVP_CONSOL, "Restore.SvpConsole.Efi > ST_GENERATED", "Restore.SvpConsole.Efi == ST_GENERATED"},
+    {BMC_FILE, SVP_CONSOL, "Restore.SvpConsole.Bmc > ST_GENERATED", "Restore.SvpConsole.Bmc == ST_GENERATED"},
     {EFI_FILE, BMC_WEB_CONSOLE, "Restore.BmcConsole.Efi > ST_GENERATED",
      "Restore.BmcConsole.Efi == ST_GENERATED"},
     {BMC_FILE, BMC_WEB_CONSOLE, "Restore.BmcConsole.Bmc > ST_GENERATED",
      "Restore.BmcConsole.Bmc == ST_GENERATED"},
     {EFI_FILE, N_P_M, "Backup.Auto.Efi > ST_GENERATED", "Backup.Auto.Efi == ST_GENERATED"},
     {BMC_FILE, N_P_M, "Backup.Auto.Bmc > ST_GENERATED", "Backup.Auto.Bmc == ST_GENERATEDy"},
-    {EFI_FILE, SVP_CONSOL, "Backup.SvpConsole.Efi > ST_GENERATED",
-     "Backup.SvpConsole.Efi == ST_GENERATED"},
-    {BMC_FILE, SVP_CONSOL, "Backup.SvpConsole.Bmc > ST_GENERATED",
-     "Backup.SvpConsole.Bmc == ST_GENERATED"},
+    {EFI_FILE, SVP_CONSOL, "Backup.SvpConsole.Efi > ST_GENERATED", "Backup.SvpConsole.Efi == ST_GENERATED"},
+    {BMC_FILE, SVP_CONSOL, "Backup.SvpConsole.Bmc > ST_GENERATED", "Backup.SvpConsole.Bmc == ST_GENERATED"},
     {EFI_FILE, BMC_WEB_CONSOLE, "Backup.BmcConsole.Efi > ST_GENERATED",
      ".Backup.BmcConsole.Efi == ST_GENERATED"},
     {BMC_FILE, BMC_WEB_CONSOLE, "Backup.BmcConsole.Bmc > ST_GENERATED",
@@ -45,12 +41,12 @@ inline constexpr std::array<EventSlot, SVF_EVENT_SLOT_COUNT> kEventSlots{{
 
 // Pass 1 takes the first slot past ST_GENERATED in index order: a running
 // event outranks any that merely waits.
-inline constexpr std::array<unsigned, SVF_EVENT_SLOT_COUNT> kRunningOrder{
-    0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11};
+inline constexpr std::array<unsigned, SVF_EVENT_SLOT_COUNT> kRunningOrder{0, 1, 2, 3, 4,  5,
+                                                                          6, 7, 8, 9, 10, 11};
 // Pass 2 takes the first slot at ST_GENERATED; automatic backups come last
 // so that a requester's own event is reported before them.
-inline constexpr std::array<unsigned, SVF_EVENT_SLOT_COUNT> kGeneratedOrder{
-    0, 1, 2, 3, 4, 5, 8, 9, 10, 11, 6, 7};
+inline constexpr std::array<unsigned, SVF_EVENT_SLOT_COUNT> kGeneratedOrder{0, 1, 2,  3,  4, 5,
+                                                                            8, 9, 10, 11, 6, 7};
 
 inline constexpr bool isRestoreSlot(unsigned index) { return index < SVF_BACKUP_SLOT_BASE; }
 

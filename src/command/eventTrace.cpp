@@ -27,8 +27,7 @@ ScopedFile openTrace() {
     }
 
     char cmdstr[80];
-    if (formatInto(cmdstr, "dd if=/dev/zero of=%s bs=%d count=1\n", paths::kTraceFile,
-                   kCreatedSize)) {
+    if (formatInto(cmdstr, "dd if=/dev/zero of=%s bs=%d count=1\n", paths::kTraceFile, kCreatedSize)) {
         (void)runShell(cmdstr);  // success is judged by the second open
     }
     return ScopedFile(paths::kTraceFile, "rb+");
@@ -48,9 +47,8 @@ void appendEventRecord(const svfSemiVol_T& svf, const INT8U* response) {
     if (index > kLastIndex) index = 0;
 
     const auto now = static_cast<INT32U>(std::time(nullptr));
-    const INT8U timeBytes[4] = {
-        static_cast<INT8U>(now), static_cast<INT8U>(now >> 8), static_cast<INT8U>(now >> 16),
-        static_cast<INT8U>(now >> 24)};
+    const INT8U timeBytes[4] = {static_cast<INT8U>(now), static_cast<INT8U>(now >> 8),
+                                static_cast<INT8U>(now >> 16), static_cast<INT8U>(now >> 24)};
 
     // Results of the seek and writes are not judged: the trace is best effort.
     (void)std::fseek(fp.get(), recordOffset(index), SEEK_SET);

@@ -12,7 +12,7 @@ namespace brask::trace {
 
 inline constexpr size_t kHeaderSize = 16;
 inline constexpr size_t kRecordSize = 32;
-inline constexpr unsigned kLastIndex = 200;  // slots 0..200: one more than the file is made for
+inline constexpr unsigned kLastIndex = 200;         // slots 0..200: one more than the file is made for
 inline constexpr int kCreatedSize = 16 + 200 * 32;  // 6416 zero bytes
 
 // Offset of record slot `index` (0..kLastIndex).

@@ -36,8 +36,7 @@ pid_t startKvmServersStop() {
     reapKvmServersStop();
     const pid_t pid = ::fork();
     if (pid == 0) {
-        ::execlp(paths::kShell, paths::kShell, paths::kKvmServersScript, "stop",
-                 static_cast<char*>(nullptr));
+        ::execlp(paths::kShell, paths::kShell, paths::kKvmServersScript, "stop", static_cast<char*>(nullptr));
         ::_exit(-1);  // status 255; never exit(): the parent's buffers are not ours to flush
     }
     if (pid > 0) remember(pid);

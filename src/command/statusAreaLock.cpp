@@ -9,8 +9,7 @@ namespace brask {
 
 StatusAreaLock::StatusAreaLock() : StatusAreaLock(&ownHandle_, &ownMng_) {}
 
-StatusAreaLock::StatusAreaLock(Mutex_T** handle, hslSemiVolatileMng_T* mng)
-    : handle_(handle), mng_(mng) {
+StatusAreaLock::StatusAreaLock(Mutex_T** handle, hslSemiVolatileMng_T* mng) : handle_(handle), mng_(mng) {
     if (hslCreateMutex(handle_, paths::kSemiVolMutex) != 0) {
         errno_ = errno;
         failed_ = Step::CreateMutex;

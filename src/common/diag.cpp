@@ -15,8 +15,8 @@ constexpr size_t kLineMax = 2048;
 
 enum class Eol { AddIfMissing, Never };
 
-__attribute__((format(printf, 4, 0))) void emit(int fd, FILE* stream, const char* head,
-                                               const char* fmt, va_list ap, Eol eol) {
+__attribute__((format(printf, 4, 0))) void emit(int fd, FILE* stream, const char* head, const char* fmt,
+                                                va_list ap, Eol eol) {
     const int savedErrno = errno;  // callers log errno and may use it afterwards
     char line[kLineMax];
     size_t len = 0;
@@ -38,8 +38,8 @@ __attribute__((format(printf, 4, 0))) void emit(int fd, FILE* stream, const char
     errno = savedErrno;
 }
 
-__attribute__((format(printf, 6, 0))) void emitTagged(int fd, FILE* stream, const char* tag, const char* unit, int line,
-                const char* fmt, va_list ap, Eol eol) {
+__attribute__((format(printf, 6, 0))) void emitTagged(int fd, FILE* stream, const char* tag, const char* unit,
+                                                      int line, const char* fmt, va_list ap, Eol eol) {
     char head[160];
     (void)std::snprintf(head, sizeof head, "%s%s(%d) : ", tag, unit, line);
     emit(fd, stream, head, fmt, ap, eol);
@@ -50,8 +50,7 @@ __attribute__((format(printf, 6, 0))) void emitTagged(int fd, FILE* stream, cons
 void debug(const char* unit, int line, const char* fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
-    emitTagged(STDOUT_FILENO, stdout, "BRASK_DEBUG  : ", unit, line, fmt, ap,
-               Eol::AddIfMissing);
+    emitTagged(STDOUT_FILENO, stdout, "BRASK_DEBUG  : ", unit, line, fmt, ap, Eol::AddIfMissing);
     va_end(ap);
 }
 
@@ -65,16 +64,14 @@ void debugNoEol(const char* unit, int line, const char* fmt, ...) {
 void error(const char* unit, int line, const char* fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
-    emitTagged(STDERR_FILENO, stderr, "BRASK_ERR  : ", unit, line, fmt, ap,
-               Eol::AddIfMissing);
+    emitTagged(STDERR_FILENO, stderr, "BRASK_ERR  : ", unit, line, fmt, ap, Eol::AddIfMissing);
     va_end(ap);
 }
 
 void error4(const char* unit, int line, const char* fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
-    emitTagged(STDERR_FILENO, stderr, "BRASK_ERR    : ", unit, line, fmt, ap,
-               Eol::AddIfMissing);
+    emitTagged(STDERR_FILENO, stderr, "BRASK_ERR    : ", unit, line, fmt, ap, Eol::AddIfMissing);
     va_end(ap);
 }
 

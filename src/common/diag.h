@@ -9,8 +9,7 @@ namespace brask::diag {
 // "BRASK_DEBUG  : unit(line) : msg" on stdout; a line feed is added when msg has none.
 void debug(const char* unit, int line, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
 // As debug, but never adds a line end ("Non Check" is printed that way).
-void debugNoEol(const char* unit, int line, const char* fmt, ...)
-    __attribute__((format(printf, 3, 4)));
+void debugNoEol(const char* unit, int line, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
 // "BRASK_ERR  : unit(line) : msg" on stderr (two blanks).
 void error(const char* unit, int line, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
 // "BRASK_ERR    : unit(line) : msg" on stderr (four blanks, svfOEMSetBackupEvent's tag).

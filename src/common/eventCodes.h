@@ -19,9 +19,7 @@ constexpr unsigned slotIndex(EventKind kind, unsigned function, unsigned fileTyp
 }
 
 // Event data of a SEL entry: the slot index plus a SEL_CLASS_*, kept to 8 bits.
-constexpr INT8U selEventCode(unsigned slot, unsigned selClass) {
-    return static_cast<INT8U>(slot + selClass);
-}
+constexpr INT8U selEventCode(unsigned slot, unsigned selClass) { return static_cast<INT8U>(slot + selClass); }
 // The two parts back from the event data: slots stay below 16, classes are
 // multiples of 16.
 constexpr unsigned selEventSlot(INT8U code) { return code & 0x0Fu; }

@@ -21,28 +21,27 @@ constexpr int kEepromFailureLevel = 2;
 constexpr INT8S kFileError = static_cast<INT8S>(0xC0);
 
 void reportCloseError(const EepromImage& image) {
-    diag::message(image.errorLevel, image.unit, __LINE__, image.function,
-                  "%s() : file close error(%d)\n", image.function, errno);
+    diag::message(image.errorLevel, image.unit, __LINE__, image.function, "%s() : file close error(%d)\n",
+                  image.function, errno);
 }
 
 }  // namespace
 
 INT8S restoreEepromImage(const EepromImage& image) {
     if (image.announceStart) {
-        diag::message(kStartLevel, image.unit, __LINE__, image.function, "%s() : Start.\n",
-                      image.function);
+        diag::message(kStartLevel, image.unit, __LINE__, image.function, "%s() : Start.\n", image.function);
     }
     ScopedFile fp(image.path, "rb+");  // the image must be writable as well as readable
     if (!fp) {
         if (errno == ENOENT) return 0;  // nothing to restore
-        diag::message(image.errorLevel, image.unit, __LINE__, image.function,
-                      "%s() : error(%d)\n", image.function, errno);
+        diag::message(image.errorLevel, image.unit, __LINE__, image.function, "%s() : error(%d)\n",
+                      image.function, errno);
         return kFileError;
     }
     INT8U l_buf[kImageLength] = {};
     if (std::fread(l_buf, 1, sizeof l_buf, fp.get()) != sizeof l_buf) {
-        diag::message(image.errorLevel, image.unit, __LINE__, image.function,
-                      "%s() : error(%d)\n", image.function, errno);
+        diag::message(image.errorLevel, image.unit, __LINE__, image.function, "%s() : error(%d)\n",
+                      image.function, errno);
         if (fp.close() != 0) reportCloseError(image);
         return kFileError;
     }

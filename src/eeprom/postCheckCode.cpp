@@ -7,9 +7,12 @@
 static constexpr const char kUnit[] = "svfRestorePostCheckCode";
 
 INT8S svfRestorePostCheckCode(void) {
-    static constexpr brask::eeprom::EepromImage kImage{
-        kUnit, "svfRestorePostCheckCode", brask::paths::kPostCheckCodeFile,
-        brask::eeprom::kPostCheckCodeOffset,
-        /*errorLevel=*/3, /*announceStart=*/false, /*reportEepromFailure=*/false};
+    static constexpr brask::eeprom::EepromImage kImage{kUnit,
+                                                       "svfRestorePostCheckCode",
+                                                       brask::paths::kPostCheckCodeFile,
+                                                       brask::eeprom::kPostCheckCodeOffset,
+                                                       /*errorLevel=*/3,
+                                                       /*announceStart=*/false,
+                                                       /*reportEepromFailure=*/false};
     return brask::eeprom::restoreEepromImage(kImage);
 }

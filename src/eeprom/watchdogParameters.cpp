@@ -8,9 +8,12 @@
 static constexpr const char kUnit[] = "svfWatchdogParameters";
 
 INT8S svfRestoreWatchdogParameters(void) {
-    static constexpr brask::eeprom::EepromImage kImage{
-        kUnit, "svfRestoreWatchdogParameters", brask::paths::kWatchdogParametersFile,
-        brask::eeprom::kWatchdogParametersOffset,
-        /*errorLevel=*/2, /*announceStart=*/true, /*reportEepromFailure=*/true};
+    static constexpr brask::eeprom::EepromImage kImage{kUnit,
+                                                       "svfRestoreWatchdogParameters",
+                                                       brask::paths::kWatchdogParametersFile,
+                                                       brask::eeprom::kWatchdogParametersOffset,
+                                                       /*errorLevel=*/2,
+                                                       /*announceStart=*/true,
+                                                       /*reportEepromFailure=*/true};
     return brask::eeprom::restoreEepromImage(kImage);
 }

@@ -24,7 +24,7 @@ constexpr char kClosed[] = ") > ";
 constexpr char kUnclosed[] = " > ";
 
 struct Transition {
-    int now;                // state code, or kAnyState
+    int now;  // state code, or kAnyState
     INT8U operation;
     INT8U next;
     const char* beforeNext;  // kClosed / kUnclosed for the rows matched by state

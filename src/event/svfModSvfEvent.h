@@ -9,5 +9,4 @@ extern "C" {
 // SVF_EVENT_REJECTED (0xFF) when the table has no such transition.  Prints
 // the debug line of the row it took; never touches the status area.
 INT8U svfModSvfEvent(INT8U NowEvent, INT8U Operation);
-
 }

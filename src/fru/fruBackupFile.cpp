@@ -32,8 +32,7 @@ INT8U svfInitLog() {
     INT8U result = 0;
     // Flushed here so that a full disk counts as a failed write, not only as
     // a failed close.
-    if (std::fwrite(&header, 1, kHeaderSize, fp.get()) != kHeaderSize ||
-        std::fflush(fp.get()) != 0) {
+    if (std::fwrite(&header, 1, kHeaderSize, fp.get()) != kHeaderSize || std::fflush(fp.get()) != 0) {
         SVF_MSG(3, "svfInitLog() : error(%d)\n", errno);
         result = kFileError;
     }
@@ -74,8 +73,7 @@ INT8U svfWriteLog(INT8U* pMsg, INT8U Size) {
     ok = ok && std::fseek(fp.get(), 0, SEEK_SET) == 0 &&
          std::fwrite(&header, 1, kHeaderSize, fp.get()) == kHeaderSize &&
          std::fseek(fp.get(), static_cast<long>(seekSize), SEEK_SET) == 0 &&
-         (Size == 0 || std::fwrite(pMsg, 1, Size, fp.get()) == Size) &&
-         std::fflush(fp.get()) == 0;
+         (Size == 0 || std::fwrite(pMsg, 1, Size, fp.get()) == Size) && std::fflush(fp.get()) == 0;
     INT8U result = 0;
     if (!ok) {
         SVF_MSG(3, "svfWriteLog() : error(%d)\n", errno);

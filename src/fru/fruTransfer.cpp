@@ -50,10 +50,9 @@ INT8S svfBackupFRU(void) {
     SVF_MSG(6, "svfBackupFRU() : Stat.\n");
 
     const INT8U infoRequest[1] = {SVF_FRU_DEVICE_ID};
-    const bool infoOk = executeStorageRequest(l_ipmiMsg, SVF_CMD_GET_FRU_INVENTORY_AREA_INFO,
-                                              infoRequest, sizeof infoRequest);
-    const INT32U areaSize =
-        infoOk ? static_cast<INT32U>(l_ipmiMsg.Data[1] | (l_ipmiMsg.Data[2] << 8)) : 0;
+    const bool infoOk = executeStorageRequest(l_ipmiMsg, SVF_CMD_GET_FRU_INVENTORY_AREA_INFO, infoRequest,
+                                              sizeof infoRequest);
+    const INT32U areaSize = infoOk ? static_cast<INT32U>(l_ipmiMsg.Data[1] | (l_ipmiMsg.Data[2] << 8)) : 0;
     // Devices accessed by words (access type 1) are not supported.
     if (!infoOk || l_ipmiMsg.Data[3] != 0 || areaSize == 0) {
         SVF_MSG(3, "svfBackupFRU() : FRU Inventory Device Commands failed.\n");
@@ -70,14 +69,14 @@ INT8S svfBackupFRU(void) {
             l_size >= static_cast<INT32S>(kPieceSize) ? kPieceSize : static_cast<INT32U>(l_size));
         for (MsgPkt_T* pkt : {&l_ipmiMsg, &l_ipmiMsg_Cmp}) {
             switch (readPiece(*pkt, l_ReadPos, count)) {
-            case ReadOutcome::Ok:
-                break;
-            case ReadOutcome::Failed:
-                SVF_MSG(3, "svfBackupFRU() : Read FRU Commands failed.\n");
-                return -1;
-            case ReadOutcome::ShortCount:
-                SVF_MSG(3, "svfBackupFRU() :  Read FRU Commands failed.\n");
-                return -1;
+                case ReadOutcome::Ok:
+                    break;
+                case ReadOutcome::Failed:
+                    SVF_MSG(3, "svfBackupFRU() : Read FRU Commands failed.\n");
+                    return -1;
+                case ReadOutcome::ShortCount:
+                    SVF_MSG(3, "svfBackupFRU() :  Read FRU Commands failed.\n");
+                    return -1;
             }
         }
         if (std::memcmp(&l_ipmiMsg.Data[2], &l_ipmiMsg_Cmp.Data[2], count) != 0) {
@@ -133,8 +132,8 @@ INT8S svfLogReadAndRestore(void) {
     SVF_MSG(7, "svfLogReadAndRestore() : Write Position = %04x, Write Size = %02x\n", 0u, l_size);
     INT32U l_WritePos = 0;
     while (static_cast<INT32S>(l_size) > 0) {
-        SVF_MSG(7, "svfLogReadAndRestore() : Write Position = %04x, Write Size = %02x\n",
-                l_WritePos, l_size & 0xFFu);
+        SVF_MSG(7, "svfLogReadAndRestore() : Write Position = %04x, Write Size = %02x\n", l_WritePos,
+                l_size & 0xFFu);
         const INT32U l_WriteSize = l_size > kPieceSize ? kPieceSize : l_size;
 
         INT8U request[3 + kPieceSize];
@@ -142,8 +141,7 @@ INT8S svfLogReadAndRestore(void) {
         request[1] = static_cast<INT8U>(l_WritePos & 0xFF);
         request[2] = static_cast<INT8U>((l_WritePos >> 8) & 0xFF);
         std::memcpy(&request[3], l_buff.get() + l_WritePos, l_WriteSize);
-        if (!executeStorageRequest(l_ipmiMsg, SVF_CMD_WRITE_FRU_DATA, request,
-                                   3 + l_WriteSize) ||
+        if (!executeStorageRequest(l_ipmiMsg, SVF_CMD_WRITE_FRU_DATA, request, 3 + l_WriteSize) ||
             l_ipmiMsg.Data[1] != l_WriteSize) {
             SVF_MSG(3, "svfLogReadAndRestore() : Write FRU Commands failed.\n");
             return 1;

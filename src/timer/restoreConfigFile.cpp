@@ -59,13 +59,12 @@ bool reportCompletion(INT8U function, INT8U fileType) {
         return false;
     }
     // A file type other than BMC counts as EFI here.
-    const unsigned index = brask::slotIndex(brask::EventKind::Restore, function,
-                                            fileType == BMC_FILE ? BMC_FILE : EFI_FILE);
+    const unsigned index =
+        brask::slotIndex(brask::EventKind::Restore, function, fileType == BMC_FILE ? BMC_FILE : EFI_FILE);
     // Any index inside the twelve status bytes is updated as computed; only
     // a requester beyond them has no byte to update.
     if (index >= SVF_EVENT_SLOT_COUNT ||
-        svfSetSvfEvent(&lock.area()->svf.svfStatusList[index], BMC_COMPLETE_SUCCESS) ==
-            SVF_EVENT_REJECTED) {
+        svfSetSvfEvent(&lock.area()->svf.svfStatusList[index], BMC_COMPLETE_SUCCESS) == SVF_EVENT_REJECTED) {
         SVF_DEBUG("Status Modify Fail");
     }
     return true;

@@ -157,7 +157,9 @@ TEST(ChangeDetection, RefreshesEveryStaleCopyAndSaysWhetherAnyWas) {
         EXPECT_EQ(o.result, r.result);
         EXPECT_EQ(o.changes, r.changes);
         EXPECT_EQ(o.err, r.err);
-        if (!r.out.empty()) { EXPECT_EQ(linesInOrder(o.out, {r.out}), ""); }
+        if (!r.out.empty()) {
+            EXPECT_EQ(linesInOrder(o.out, {r.out}), "");
+        }
         EXPECT_EQ(semaphoresHeld(), r.held);
         EXPECT_EQ(o.leakedDescriptors + o.leakedMappings, 0);
     }
@@ -206,7 +208,9 @@ TEST(BiosConfigComparer, ComparesTheRegionBeforeTheFirstTypeTwoSection) {
         const Observed o = observe([&] { return svfChkBIOSConfFileDiff(a, b); });
         EXPECT_EQ(o.result, r.result);
         EXPECT_EQ(o.leakedMappings + o.leakedDescriptors, 0);
-        if (&r == rows) { EXPECT_EQ(linesInOrder(o.out, {kDbg + "CompSize = 8", kDbg + "CompSize = 14"}), ""); }
+        if (&r == rows) {
+            EXPECT_EQ(linesInOrder(o.out, {kDbg + "CompSize = 8", kDbg + "CompSize = 14"}), "");
+        }
         std::fclose(a), std::fclose(b);
     }
 }
@@ -304,8 +308,12 @@ TEST(Fru, BackupReadsEachPieceTwiceAndRestoreWritesPiecesOf255) {
         for (auto [cmd, at, n] : seen)
             if (cmd == 18) std::copy_n(r.file.begin() + 16 + at, n, written.begin() + at);
         EXPECT_EQ(seen, r.accesses);
-        if (hostFruReadImage(now.data(), 600) > 0) { EXPECT_EQ(now, written); }
-        if (!r.fileAfter.empty()) { EXPECT_EQ(readBytes(kFru), r.fileAfter); }
+        if (hostFruReadImage(now.data(), 600) > 0) {
+            EXPECT_EQ(now, written);
+        }
+        if (!r.fileAfter.empty()) {
+            EXPECT_EQ(readBytes(kFru), r.fileAfter);
+        }
         EXPECT_EQ(o.leakedDescriptors, 0);
     }
 }

@@ -56,6 +56,7 @@ struct GetCase {
 // Pass 1 (a state above ST_GENERATED, in index order) beats pass 2 (exactly
 // ST_GENERATED, automatic backups last); the two pass-2 lines that have always
 // been irregular are kept as they are.
+// clang-format off
 const GetCase kGetCases[] = {
     {"nothing", {}, {0x80, 0, 0, 0}, 1, "Event All NOTHING"},
     {"running beats waiting", {{3, 1}, {6, 2}}, {0, 0x02, 0, 0}, 8, "Backup.Auto.Efi > ST_GENERATED"},
@@ -69,6 +70,7 @@ const GetCase kGetCases[] = {
     {"irregular line of slot 7", {{7, 1}}, {0, 0x01, 1, 0}, 8, "Backup.Auto.Bmc == ST_GENERATEDy"},
     {"slot 6 after the others", {{6, 1}, {7, 1}}, {0, 0x01, 0, 0}, 8, "Backup.Auto.Efi == ST_GENERATED"},
 };
+// clang-format on
 
 TEST(GetEvent, ChoosesBySlotAndStateAndAppendsOneRecord) {
     for (const GetCase& c : kGetCases) {
@@ -80,7 +82,8 @@ TEST(GetEvent, ChoosesBySlotAndStateAndAppendsOneRecord) {
         res.fill(0xEE);
         const Observed o = observe([&] { return svfGetBackupRestoreEvent(nullptr, 0, res.data()); });
         EXPECT_EQ(o.result, c.length);
-        const std::array<INT8U, 8> want = {c.answer[0], c.answer[1], c.answer[2], c.answer[3], 0x5C, 0xA1, 0, 0xA3};
+        const std::array<INT8U, 8> want = {c.answer[0], c.answer[1], c.answer[2], c.answer[3],
+                                           0x5C,        0xA1,        0,           0xA3};
         EXPECT_EQ(res, want);
         EXPECT_EQ(o.out, kGet + c.line + "\n");
         EXPECT_EQ(o.leakedMappings + o.leakedDescriptors, 0);
@@ -98,16 +101,21 @@ TEST(GetEvent, ChoosesBySlotAndStateAndAppendsOneRecord) {
         EXPECT_EQ(trace[0], 1);
         EXPECT_TRUE(std::equal(before.svf.svfStatusList, before.svf.svfStatusList + 12, trace.begin() + 16));
         EXPECT_TRUE(std::equal(want.begin(), want.end(), trace.begin() + 32));
-        const std::uint32_t when = trace[40] | trace[41] << 8 | trace[42] << 16 | std::uint32_t(trace[43]) << 24;
+        const std::uint32_t when =
+            trace[40] | trace[41] << 8 | trace[42] << 16 | std::uint32_t(trace[43]) << 24;
         EXPECT_NEAR(double(when), double(std::time(nullptr)), 5.0);
     }
 }
 
 TEST(GetEvent, TraceRingWrapsAndClamps) {
     // Header index: where the record goes and the index written back.
-    const struct { INT8U index; std::size_t at, size; INT8U next; } cases[] = {
-        {0, 16, 6416, 1}, {7, 16 + 7 * 32, 6416, 8}, {199, 16 + 199 * 32, 6416, 200},
-        {200, 6416, 6444, 0}, {201, 16, 6416, 1}, {250, 16, 6416, 1},
+    const struct {
+        INT8U index;
+        std::size_t at, size;
+        INT8U next;
+    } cases[] = {
+        {0, 16, 6416, 1},     {7, 16 + 7 * 32, 6416, 8}, {199, 16 + 199 * 32, 6416, 200},
+        {200, 6416, 6444, 0}, {201, 16, 6416, 1},        {250, 16, 6416, 1},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(int(c.index));
@@ -159,7 +167,8 @@ TEST(GetEvent, RefusalsLeaveNoRecordAndHoldNothing) {
         std::array<INT8U, 8> res;
         res.fill(0xEE);
         const Observed o = observe([&] {
-            return svfGetBackupRestoreEvent(c.reqLen ? req : nullptr, static_cast<INT8U>(c.reqLen), res.data());
+            return svfGetBackupRestoreEvent(c.reqLen ? req : nullptr, static_cast<INT8U>(c.reqLen),
+                                            res.data());
         });
         EXPECT_EQ(o.result, 1);
         EXPECT_EQ(res, (std::array<INT8U, 8>{c.code, 0, 0, 0, 0, 0, 0, 0}));
@@ -167,7 +176,8 @@ TEST(GetEvent, RefusalsLeaveNoRecordAndHoldNothing) {
         EXPECT_EQ(o.changes, "");
         EXPECT_EQ(o.leakedDescriptors, 0);
         // Whatever was taken is given back: every create has its destroy.
-        EXPECT_EQ(hostCallCount("hslCreateMutex"), hostCallCount("hslDestroyMutex") + (c.platformCall == "hslCreateMutex"));
+        EXPECT_EQ(hostCallCount("hslCreateMutex"),
+                  hostCallCount("hslDestroyMutex") + (c.platformCall == "hslCreateMutex"));
         EXPECT_EQ(hostCallCount("hslAcquireMutex") - (c.platformCall == "hslAcquireMutex"),
                   hostCallCount("hslReleaseMutex"));
     }
@@ -199,6 +209,7 @@ struct SetCase {
     std::string out;               // the transition line(s), after the debug tag
 };
 
+// clang-format off
 const SetCase kSetCases[] = {
     {ST_NOTHING, BMC_GENERATE_EVENT, ST_GENERATED, ST_GENERATED, {},
      "(NowEvent == ST_NOTHING) && (Operation== BMC_GENERATE_EVENT) > ST_GENERATED"},
@@ -227,6 +238,7 @@ const SetCase kSetCases[] = {
     {0x42, BMC_GENERATE_EVENT, ST_FAIL, 0xFF, {"UNJUST_OPERATION", "TargetStatus = BMC_FORCE_FAIL"},
      "peration == BMC_FORCE_FAIL > ST_FAIL"},
 };
+// clang-format on
 
 TEST(SetSvfEvent, StoresTheNextStateOrDrivesTheByteToFailure) {
     for (const SetCase& c : kSetCases) {
@@ -247,14 +259,14 @@ TEST(SetSvfEvent, StoresTheNextStateOrDrivesTheByteToFailure) {
 TEST(SetSvfEvent, LifecycleOfAnEventGeneratedTwice) {
     INT8U byte = ST_NOTHING;
     const std::pair<INT8U, INT8U> steps[] = {
-        {BMC_GENERATE_EVENT, ST_GENERATED},        {BMC_GENERATE_EVENT, ST_GENERATED},
-        {SVP_RESTORE_PROC_REQ, ST_STANDBY},        {SVP_BACKUP_TRANS_REQ, ST_STANDBY},
-        {BMC_GENERATE_EVENT, ST_GENERATED},        {SVP_BACKUP_TRANS_REQ, ST_STANDBY},
-        {BMC_START, ST_PROCESSING},                {SVP_RESTORE_PROC_REQ, ST_PROCESSING},
-        {BMC_GENERATE_EVENT, 0x13},                {SVP_BACKUP_TRANS_REQ, 0x13},
-        {BMC_COMPLETE_INVALID, 0x16},              {BMC_GENERATE_EVENT, 0x16},
-        {SVP_RESTORE_FAIL_OK, ST_GENERATED},       {SVP_BACKUP_TRANS_REQ, ST_STANDBY},
-        {BMC_START, ST_PROCESSING},                {BMC_COMPLETE_INVALID, ST_INVALID_DATA},
+        {BMC_GENERATE_EVENT, ST_GENERATED},  {BMC_GENERATE_EVENT, ST_GENERATED},
+        {SVP_RESTORE_PROC_REQ, ST_STANDBY},  {SVP_BACKUP_TRANS_REQ, ST_STANDBY},
+        {BMC_GENERATE_EVENT, ST_GENERATED},  {SVP_BACKUP_TRANS_REQ, ST_STANDBY},
+        {BMC_START, ST_PROCESSING},          {SVP_RESTORE_PROC_REQ, ST_PROCESSING},
+        {BMC_GENERATE_EVENT, 0x13},          {SVP_BACKUP_TRANS_REQ, 0x13},
+        {BMC_COMPLETE_INVALID, 0x16},        {BMC_GENERATE_EVENT, 0x16},
+        {SVP_RESTORE_FAIL_OK, ST_GENERATED}, {SVP_BACKUP_TRANS_REQ, ST_STANDBY},
+        {BMC_START, ST_PROCESSING},          {BMC_COMPLETE_INVALID, ST_INVALID_DATA},
         {SVP_BACKUP_TRANS_FAIL, ST_NOTHING},
     };
     for (auto [operation, next] : steps) {
@@ -267,7 +279,11 @@ TEST(SetSvfEvent, LifecycleOfAnEventGeneratedTwice) {
 // ---- Processing flags and the lock handed out -------------------------------------
 
 TEST(StatusArea, EachFlagIsOneByteAndTheOldValueComesBack) {
-    const struct { INT8U fileType, mode; std::size_t offset; const char* label; } flags[] = {
+    const struct {
+        INT8U fileType, mode;
+        std::size_t offset;
+        const char* label;
+    } flags[] = {
         {BMC_FILE, 1, offsetof(svfAutoBack_T, BmcBackFlag), "BACKUP , BMC_FILE"},
         {EFI_FILE, 1, offsetof(svfAutoBack_T, EfiBackFlag), "BACKUP , EFI_FILE"},
         {BMC_FILE, 0, offsetof(svfAutoBack_T, BmcRestoreFlag), "REST , BMC_FILE"},
@@ -278,9 +294,12 @@ TEST(StatusArea, EachFlagIsOneByteAndTheOldValueComesBack) {
         const hslSemiVolatileArea_T before = area();
         Observed o = observe([&] { return svfSetChkBkupRestProcessingFlag(0x5A, f.fileType, f.mode); });
         EXPECT_EQ(o.result, 0);
-        EXPECT_EQ(o.out, "BRASK_DEBUG  : svfOEMSetBackupEvent(#) : svfSetChkBkupRestProcessingFlag\n"
-                         "BRASK_DEBUG  : svfOEMSetBackupEvent(#) : " + std::string(f.label) + ", Set = 90\n"
-                         "BRASK_DEBUG  : svfOEMSetBackupEvent(#) : RetVal = 0\n");
+        EXPECT_EQ(o.out,
+                  "BRASK_DEBUG  : svfOEMSetBackupEvent(#) : svfSetChkBkupRestProcessingFlag\n"
+                  "BRASK_DEBUG  : svfOEMSetBackupEvent(#) : " +
+                      std::string(f.label) +
+                      ", Set = 90\n"
+                      "BRASK_DEBUG  : svfOEMSetBackupEvent(#) : RetVal = 0\n");
         hslSemiVolatileArea_T want = before;
         reinterpret_cast<INT8U*>(&want.svfAutoBack)[f.offset] = 0x5A;
         hslSemiVolatileArea_T now = area();
@@ -295,7 +314,10 @@ TEST(StatusArea, EachFlagIsOneByteAndTheOldValueComesBack) {
 
 TEST(StatusArea, LockFailuresAreReportedWithTheFourBlankTag) {
     const std::string tag = "BRASK_ERR    : svfOEMSetBackupEvent(#) : ";
-    const struct { const char* call; std::string line; } cases[] = {
+    const struct {
+        const char* call;
+        std::string line;
+    } cases[] = {
         {"hslCreateMutex", "failed to get mutex(13)"},
         {"hslAcquireMutex", "failed to get mutex(13)"},
         {"hslGetSemiVolatileArea", "failed to get SemiVolatile(13)"},

@@ -32,7 +32,8 @@ EntrySpec entry(const std::string& path, std::string_view content, std::uint32_t
     return e;
 }
 
-Bytes block(const std::vector<EntrySpec>& entries, const Bytes& trailing, std::optional<std::uint16_t> numOfEntry) {
+Bytes block(const std::vector<EntrySpec>& entries, const Bytes& trailing,
+            std::optional<std::uint16_t> numOfEntry) {
     Bytes out(fmt::kArchiveHeaderSize);
     for (const EntrySpec& e : entries) {
         svfBraskArchiveEntryInfo_T info{};
@@ -72,8 +73,12 @@ Bytes backup(const BackupSpec& spec) {
     if (!spec.model || !spec.serial) (void)svfGetProductIdFru(&header);
     if (spec.model) std::fill(std::begin(header.ModelNumber), std::end(header.ModelNumber), 0);
     if (spec.serial) std::fill(std::begin(header.SerialNumber), std::end(header.SerialNumber), 0);
-    if (spec.model) std::copy_n(spec.model->begin(), std::min(spec.model->size(), sizeof header.ModelNumber), header.ModelNumber);
-    if (spec.serial) std::copy_n(spec.serial->begin(), std::min(spec.serial->size(), sizeof header.SerialNumber), header.SerialNumber);
+    if (spec.model)
+        std::copy_n(spec.model->begin(), std::min(spec.model->size(), sizeof header.ModelNumber),
+                    header.ModelNumber);
+    if (spec.serial)
+        std::copy_n(spec.serial->begin(), std::min(spec.serial->size(), sizeof header.SerialNumber),
+                    header.SerialNumber);
     header.Version = spec.version;
     header.DataRev = spec.dataRev;
     header.FwType = spec.fwType;

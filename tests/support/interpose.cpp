@@ -31,6 +31,7 @@
 #include <type_traits>
 
 // Every real function a wrapper forwards to.
+// clang-format off
 #define BRASK_REAL_CALLS(X)                                                                    \
     X(fopen) X(fopen64) X(fclose) X(fflush) X(fread) X(fwrite) X(fputs) X(fputc)       \
     X(fseek) X(fseeko) X(fseeko64) X(ftell) X(ftello) X(ftello64) X(fileno) X(open) X(open64)  \
@@ -39,6 +40,7 @@
     X(fstat64) X(fstatfs) X(fstatfs64) X(mmap) X(mmap64) X(munmap) X(chmod) X(fchmod)          \
     X(chown) X(lchown) X(fchown) X(rename) X(renameat) X(renameat2) X(unlink) X(unlinkat)      \
     X(system) X(fork) X(waitpid) X(time)
+// clang-format on
 
 // A sanitizer runtime linked into the executable (clang's) defines its
 // interceptors here too, where RTLD_NEXT would skip them; a shared one
@@ -164,9 +166,7 @@ struct Site {
     const char* to = nullptr;  // rename's new path
 };
 
-bool touches(const char* prefix, const Site& s) {
-    return matches(prefix, s.path) || matches(prefix, s.to);
-}
+bool touches(const char* prefix, const Site& s) { return matches(prefix, s.path) || matches(prefix, s.to); }
 
 // Marks `path` as holding unflushed data or not; returns whether it did.
 bool setDirty(const char* path, bool dirty) {
@@ -237,9 +237,7 @@ R guard(const Site& s, R failed, F real) {
     return failed;
 }
 
-bool opensForWriting(int flags) {
-    return (flags & (O_WRONLY | O_RDWR | O_CREAT | O_TRUNC | O_APPEND)) != 0;
-}
+bool opensForWriting(int flags) { return (flags & (O_WRONLY | O_RDWR | O_CREAT | O_TRUNC | O_APPEND)) != 0; }
 
 template <class F>
 int opening(const char* path, int flags, F real) {
@@ -253,8 +251,8 @@ int opening(const char* path, int flags, F real) {
 // ---- The wrappers ---------------------------------------------------------------
 // Most share one shape: what the call touches (a Site), its failure value, the
 // forward.
-#define BRASK_WRAP(ret, name, params, args, failed, ...)                                             \
-    extern "C" ret name params {                                                                     \
+#define BRASK_WRAP(ret, name, params, args, failed, ...)                                            \
+    extern "C" ret name params {                                                                    \
         return guard(Site{__VA_ARGS__}, static_cast<ret>(failed), [&] { return REAL(name) args; }); \
     }
 #define BRASK_STREAM(ret, name, params, args, failed, call, ...) \
@@ -262,22 +260,23 @@ int opening(const char* path, int flags, F real) {
 #define BRASK_FD(ret, name, params, args, failed, call, ...) \
     BRASK_WRAP(ret, name, params, args, failed, call, fdPath(fd) __VA_OPT__(, ) __VA_ARGS__)
 
-BRASK_STREAM(int, fflush, (FILE* fp), (fp), EOF, Call::Fflush, pending(fp))
+BRASK_STREAM(int, fflush, (FILE * fp), (fp), EOF, Call::Fflush, pending(fp))
 BRASK_STREAM(size_t, fread, (void* b, size_t size, size_t n, FILE* fp), (b, size, n, fp), 0, Call::Fread)
-BRASK_STREAM(size_t, fwrite, (const void* b, size_t size, size_t n, FILE* fp), (b, size, n, fp), 0, Call::Fwrite,
-             true)
+BRASK_STREAM(size_t, fwrite, (const void* b, size_t size, size_t n, FILE* fp), (b, size, n, fp), 0,
+             Call::Fwrite, true)
 BRASK_STREAM(int, fputs, (const char* s, FILE* fp), (s, fp), EOF, Call::Fwrite, true)
 BRASK_STREAM(int, fputc, (int c, FILE* fp), (c, fp), EOF, Call::Fwrite, true)
-BRASK_STREAM(int, fseek, (FILE* fp, long at, int whence), (fp, at, whence), -1, Call::Fseek)
-BRASK_STREAM(int, fseeko, (FILE* fp, off_t at, int whence), (fp, at, whence), -1, Call::Fseek)
-BRASK_STREAM(int, fseeko64, (FILE* fp, off64_t at, int whence), (fp, at, whence), -1, Call::Fseek)
-BRASK_STREAM(long, ftell, (FILE* fp), (fp), -1, Call::Ftell)
-BRASK_STREAM(off_t, ftello, (FILE* fp), (fp), -1, Call::Ftell)
-BRASK_STREAM(off64_t, ftello64, (FILE* fp), (fp), -1, Call::Ftell)
-BRASK_STREAM(int, fileno, (FILE* fp), (fp), -1, Call::Fileno)
+BRASK_STREAM(int, fseek, (FILE * fp, long at, int whence), (fp, at, whence), -1, Call::Fseek)
+BRASK_STREAM(int, fseeko, (FILE * fp, off_t at, int whence), (fp, at, whence), -1, Call::Fseek)
+BRASK_STREAM(int, fseeko64, (FILE * fp, off64_t at, int whence), (fp, at, whence), -1, Call::Fseek)
+BRASK_STREAM(long, ftell, (FILE * fp), (fp), -1, Call::Ftell)
+BRASK_STREAM(off_t, ftello, (FILE * fp), (fp), -1, Call::Ftell)
+BRASK_STREAM(off64_t, ftello64, (FILE * fp), (fp), -1, Call::Ftell)
+BRASK_STREAM(int, fileno, (FILE * fp), (fp), -1, Call::Fileno)
 BRASK_FD(ssize_t, write, (int fd, const void* b, size_t n), (fd, b, n), -1, Call::Write, true)
 BRASK_FD(ssize_t, pwrite, (int fd, const void* b, size_t n, off_t at), (fd, b, n, at), -1, Call::Write, true)
-BRASK_FD(ssize_t, pwrite64, (int fd, const void* b, size_t n, off64_t at), (fd, b, n, at), -1, Call::Write, true)
+BRASK_FD(ssize_t, pwrite64, (int fd, const void* b, size_t n, off64_t at), (fd, b, n, at), -1, Call::Write,
+         true)
 BRASK_FD(int, fsync, (int fd), (fd), -1, Call::Fsync, true)
 BRASK_FD(int, fdatasync, (int fd), (fd), -1, Call::Fdatasync, true)
 BRASK_FD(int, fstat, (int fd, struct stat* st), (fd, st), -1, Call::Fstat)
@@ -286,8 +285,8 @@ BRASK_FD(int, fstatfs, (int fd, struct statfs* st), (fd, st), -1, Call::Fstatfs)
 BRASK_FD(int, fstatfs64, (int fd, struct statfs64* st), (fd, st), -1, Call::Fstatfs)
 BRASK_FD(void*, mmap, (void* a, size_t n, int prot, int flags, int fd, off_t at), (a, n, prot, flags, fd, at),
          MAP_FAILED, Call::Mmap)
-BRASK_FD(void*, mmap64, (void* a, size_t n, int prot, int flags, int fd, off64_t at), (a, n, prot, flags, fd, at),
-         MAP_FAILED, Call::Mmap)
+BRASK_FD(void*, mmap64, (void* a, size_t n, int prot, int flags, int fd, off64_t at),
+         (a, n, prot, flags, fd, at), MAP_FAILED, Call::Mmap)
 BRASK_FD(int, fchmod, (int fd, mode_t mode), (fd, mode), -1, Call::Fchmod, true)
 BRASK_FD(int, fchown, (int fd, uid_t uid, gid_t gid), (fd, uid, gid), -1, Call::Fchown, true)
 BRASK_WRAP(int, stat, (const char* p, struct stat* st), (p, st), -1, Call::Stat, p)
@@ -301,35 +300,37 @@ BRASK_WRAP(int, lchown, (const char* p, uid_t uid, gid_t gid), (p, uid, gid), -1
 BRASK_WRAP(int, rename, (const char* a, const char* b), (a, b), -1, Call::Rename, a, true, b)
 BRASK_WRAP(int, renameat, (int da, const char* a, int db, const char* b), (da, a, db, b), -1, Call::Rename,
            atPath(da, a, 0), true, atPath(db, b, 1))
-BRASK_WRAP(int, renameat2, (int da, const char* a, int db, const char* b, unsigned flags), (da, a, db, b, flags), -1,
-           Call::Rename, atPath(da, a, 0), true, atPath(db, b, 1))
+BRASK_WRAP(int, renameat2, (int da, const char* a, int db, const char* b, unsigned flags),
+           (da, a, db, b, flags), -1, Call::Rename, atPath(da, a, 0), true, atPath(db, b, 1))
 BRASK_WRAP(int, unlink, (const char* p), (p), -1, Call::Unlink, p, true)
-BRASK_WRAP(int, unlinkat, (int d, const char* p, int flags), (d, p, flags), -1, Call::Unlink, atPath(d, p, 0), true)
+BRASK_WRAP(int, unlinkat, (int d, const char* p, int flags), (d, p, flags), -1, Call::Unlink, atPath(d, p, 0),
+           true)
 BRASK_WRAP(pid_t, fork, (), (), -1, Call::Fork, "")
-BRASK_WRAP(pid_t, waitpid, (pid_t pid, int* status, int options), (pid, status, options), -1, Call::Waitpid, "")
-BRASK_WRAP(time_t, time, (time_t* out), (out), -1, Call::Time, "")
+BRASK_WRAP(pid_t, waitpid, (pid_t pid, int* status, int options), (pid, status, options), -1, Call::Waitpid,
+           "")
+BRASK_WRAP(time_t, time, (time_t * out), (out), -1, Call::Time, "")
 // Weak: a program may count shell commands with a system() of its own (the
 // benchmarks do), which then replaces this one.  No sanitizer intercepts it.
 extern "C" __attribute__((weak)) int system(const char*);
 BRASK_WRAP(int, system, (const char* command), (command), -1, Call::System, command)
 
 // The rest also keep the descriptor table, or take variable arguments.
-#define BRASK_FOPEN(name)                                                                        \
-    extern "C" FILE* name(const char* p, const char* mode) {                                     \
-        FILE* fp = guard(Site{Call::Fopen, p, std::strpbrk(mode, "wa+") != nullptr},             \
-                         static_cast<FILE*>(nullptr), [&] { return REAL(name)(p, mode); });      \
-        track(streamFd(fp), p);                                                                  \
-        return fp;                                                                               \
+#define BRASK_FOPEN(name)                                                                   \
+    extern "C" FILE* name(const char* p, const char* mode) {                                \
+        FILE* fp = guard(Site{Call::Fopen, p, std::strpbrk(mode, "wa+") != nullptr},        \
+                         static_cast<FILE*>(nullptr), [&] { return REAL(name)(p, mode); }); \
+        track(streamFd(fp), p);                                                             \
+        return fp;                                                                          \
     }
 BRASK_FOPEN(fopen)
 BRASK_FOPEN(fopen64)
 
 // The mode argument is there only when the call may make a file.
-#define BRASK_MODE(flags)                                                                      \
-    va_list args;                                                                              \
-    va_start(args, flags);                                                                     \
-    const bool makes = ((flags) & O_CREAT) != 0 || ((flags) & O_TMPFILE) == O_TMPFILE;         \
-    const mode_t mode = makes ? va_arg(args, mode_t) : 0;                                      \
+#define BRASK_MODE(flags)                                                          \
+    va_list args;                                                                  \
+    va_start(args, flags);                                                         \
+    const bool makes = ((flags)&O_CREAT) != 0 || ((flags)&O_TMPFILE) == O_TMPFILE; \
+    const mode_t mode = makes ? va_arg(args, mode_t) : 0;                          \
     va_end(args)
 extern "C" int open(const char* p, int flags, ...) {
     BRASK_MODE(flags);
@@ -428,10 +429,10 @@ void armCounter(std::string_view prefix, int crashAt) {
 
 const char* callName(Call call) {
     static constexpr const char* kNames[] = {
-        "fopen", "fclose", "fflush", "fread", "fwrite", "fseek", "ftell", "fileno",
-        "fscanf", "open", "close", "write", "fsync", "fdatasync", "syncfs", "stat",
-        "lstat", "fstat", "fstatfs", "mmap", "munmap", "chmod", "fchmod", "chown",
-        "fchown", "rename", "unlink", "system", "fork", "execlp", "waitpid", "time"};
+        "fopen",  "fclose", "fflush",  "fread",  "fwrite", "fseek",     "ftell",   "fileno",
+        "fscanf", "open",   "close",   "write",  "fsync",  "fdatasync", "syncfs",  "stat",
+        "lstat",  "fstat",  "fstatfs", "mmap",   "munmap", "chmod",     "fchmod",  "chown",
+        "fchown", "rename", "unlink",  "system", "fork",   "execlp",    "waitpid", "time"};
     static_assert(std::size(kNames) == static_cast<std::size_t>(Call::Time) + 1);
     return kNames[static_cast<int>(call)];
 }

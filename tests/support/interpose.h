@@ -28,33 +28,33 @@ namespace brask::test {
 
 // Each stands for the family of symbols a compiler may emit for it.
 enum class Call {
-    Fopen,      // fopen, fopen64
-    Fclose,     // fails after closing
+    Fopen,   // fopen, fopen64
+    Fclose,  // fails after closing
     Fflush,
     Fread,
-    Fwrite,     // fwrite, fputs, fputc, putc (GCC turns one into another)
-    Fseek,      // fseek, fseeko, fseeko64
-    Ftell,      // ftell, ftello, ftello64
+    Fwrite,  // fwrite, fputs, fputc, putc (GCC turns one into another)
+    Fseek,   // fseek, fseeko, fseeko64
+    Ftell,   // ftell, ftello, ftello64
     Fileno,
     Fscanf,
-    Open,       // open, open64, openat, openat64
-    Close,      // fails after closing
-    Write,      // write, pwrite, pwrite64
+    Open,   // open, open64, openat, openat64
+    Close,  // fails after closing
+    Write,  // write, pwrite, pwrite64
     Fsync,
     Fdatasync,
     Syncfs,
-    Stat,       // stat, stat64
-    Lstat,      // lstat, lstat64
-    Fstat,      // fstat, fstat64
-    Fstatfs,    // fstatfs, fstatfs64
-    Mmap,       // mmap, mmap64
-    Munmap,     // fails after unmapping
+    Stat,     // stat, stat64
+    Lstat,    // lstat, lstat64
+    Fstat,    // fstat, fstat64
+    Fstatfs,  // fstatfs, fstatfs64
+    Mmap,     // mmap, mmap64
+    Munmap,   // fails after unmapping
     Chmod,
     Fchmod,
-    Chown,      // chown, lchown
+    Chown,  // chown, lchown
     Fchown,
-    Rename,     // rename, renameat, renameat2
-    Unlink,     // unlink, unlinkat
+    Rename,  // rename, renameat, renameat2
+    Unlink,  // unlink, unlinkat
     System,
     Fork,
     Execlp,

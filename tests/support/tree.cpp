@@ -56,16 +56,21 @@ void walk(const std::string& path, dev_t device, Tree& tree) {
             }
             ::closedir(dir);
         }
-        for (const std::string& name : names) walk(path == "/" ? "/" + name : path + "/" + name, device, tree);
+        for (const std::string& name : names)
+            walk(path == "/" ? "/" + name : path + "/" + name, device, tree);
     }
 }
 
 std::string describe(const Node& n) {
     std::ostringstream out;
-    if (S_ISREG(n.mode)) out << "file ";
-    else if (S_ISDIR(n.mode)) out << "folder ";
-    else if (S_ISLNK(n.mode)) out << "link to " << n.content << ' ';
-    else out << "type " << std::oct << (n.mode & S_IFMT) << ' ';
+    if (S_ISREG(n.mode))
+        out << "file ";
+    else if (S_ISDIR(n.mode))
+        out << "folder ";
+    else if (S_ISLNK(n.mode))
+        out << "link to " << n.content << ' ';
+    else
+        out << "type " << std::oct << (n.mode & S_IFMT) << ' ';
     out << std::oct << '0' << (n.mode & 07777) << std::dec << ' ' << n.uid << ':' << n.gid;
     if (S_ISREG(n.mode)) out << ", " << n.content.size() << " bytes";
     return out.str();
@@ -78,7 +83,8 @@ std::string changes(const Node& a, const Node& b) {
         item() << describe(a) << " -> " << describe(b);
         return out.str();
     }
-    if (a.mode != b.mode) item() << std::oct << "mode 0" << (a.mode & 07777) << " -> 0" << (b.mode & 07777) << std::dec;
+    if (a.mode != b.mode)
+        item() << std::oct << "mode 0" << (a.mode & 07777) << " -> 0" << (b.mode & 07777) << std::dec;
     if (a.uid != b.uid || a.gid != b.gid) {
         item() << "owner " << a.uid << ':' << a.gid << " -> " << b.uid << ':' << b.gid;
     }
@@ -141,9 +147,12 @@ Tree snapshotTree(std::initializer_list<std::string_view> roots) {
 std::string diffTrees(const Tree& before, const Tree& after) {
     std::string text;
     merge(before, after, [&](const std::string& path, const Node* b, const Node* a) {
-        if (a == nullptr) text += "removed " + path + "\n";
-        else if (b == nullptr) text += "created " + path + " (" + describe(*a) + ")\n";
-        else if (!(*a == *b)) text += "changed " + path + ": " + changes(*b, *a) + "\n";
+        if (a == nullptr)
+            text += "removed " + path + "\n";
+        else if (b == nullptr)
+            text += "created " + path + " (" + describe(*a) + ")\n";
+        else if (!(*a == *b))
+            text += "changed " + path + ": " + changes(*b, *a) + "\n";
     });
     return text;
 }

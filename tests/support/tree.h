@@ -16,7 +16,7 @@ namespace brask::test {
 // rewritten with the same bytes, mode and owner is unchanged for every
 // caller, and a folder's times move whenever a file inside comes or goes.
 struct Node {
-    mode_t mode = 0;      // type and permission bits, as lstat gives them
+    mode_t mode = 0;  // type and permission bits, as lstat gives them
     uid_t uid = 0;
     gid_t gid = 0;
     std::string content;  // a regular file's bytes, a symbolic link's target

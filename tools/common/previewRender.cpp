@@ -16,7 +16,9 @@ std::string octal(std::uint32_t mode) {
     return s;
 }
 
-std::string owner(std::uint32_t uid, std::uint32_t gid) { return std::to_string(uid) + "/" + std::to_string(gid); }
+std::string owner(std::uint32_t uid, std::uint32_t gid) {
+    return std::to_string(uid) + "/" + std::to_string(gid);
+}
 
 // "67 -> 72 bytes, mode 0644 -> 0600, owner 0/0 -> 33/33", naming only what changes.
 std::string change(const Line& l) {
@@ -27,7 +29,8 @@ std::string change(const Line& l) {
                         : (had ? std::to_string(b.size) : std::string("-")) + " -> " +
                               (l.existsAfter ? std::to_string(l.after.size()) : std::string("-")) + " bytes";
     if (!l.existsAfter) return s;
-    if (!had || (b.mode & 07777u) != l.modeAfter) s += ", mode " + (had ? octal(b.mode) + " -> " : "") + octal(l.modeAfter);
+    if (!had || (b.mode & 07777u) != l.modeAfter)
+        s += ", mode " + (had ? octal(b.mode) + " -> " : "") + octal(l.modeAfter);
     if (!had || b.uid != l.uidAfter || b.gid != l.gidAfter) {
         s += ", owner " + (had ? owner(b.uid, b.gid) + " -> " : "") + owner(l.uidAfter, l.gidAfter);
     }
@@ -44,8 +47,8 @@ std::string verdictText(const Verdict& v) {
     char cc[8];
     (void)std::snprintf(cc, sizeof cc, "0x%02x", v.completionCode);
     if (v.accepted) return std::string("accepted (Execute Restore Event answers ") + cc + ")";
-    return "refused: " + v.reason + " (result " + std::to_string(v.result) + ", Execute Restore Event answers " +
-           cc + "); nothing would change";
+    return "refused: " + v.reason + " (result " + std::to_string(v.result) +
+           ", Execute Restore Event answers " + cc + "); nothing would change";
 }
 
 Json fileJson(const plan::LiveFile& f) {
@@ -67,7 +70,7 @@ void renderText(std::ostream& out, const std::string& what, const Preview& p) {
         }
         char head[80];
         (void)std::snprintf(head, sizeof head, "    %-7s %-52s", l.action.c_str(),
-                      tools::escaped(l.path.empty() ? "(block)" : l.path).c_str());
+                            tools::escaped(l.path.empty() ? "(block)" : l.path).c_str());
         out << head;
         if (l.action != "skip" && l.action != "fail" && l.action != "refused") out << ' ' << change(l);
         if (!l.note.empty()) out << "  (" << l.note << ')';
@@ -75,7 +78,8 @@ void renderText(std::ostream& out, const std::string& what, const Preview& p) {
     }
     if (!p.verdict.accepted) return;
     std::string summary;
-    for (const auto& [action, n] : counts(p)) summary += (summary.empty() ? "" : ", ") + std::to_string(n) + " " + action;
+    for (const auto& [action, n] : counts(p))
+        summary += (summary.empty() ? "" : ", ") + std::to_string(n) + " " + action;
     out << "  summary: " << (summary.empty() ? "no file changes" : summary) << '\n';
 }
 
@@ -91,8 +95,11 @@ Json toJson(const std::string& file, const Preview& p) {
     for (const Line& l : p.lines) {
         Json after = Json{{"exists", l.existsAfter}};
         if (l.existsAfter) {
-            after = {{"exists", true}, {"size", l.after.size()}, {"mode", octal(l.modeAfter)},
-                     {"uid", l.uidAfter}, {"gid", l.gidAfter}};
+            after = {{"exists", true},
+                     {"size", l.after.size()},
+                     {"mode", octal(l.modeAfter)},
+                     {"uid", l.uidAfter},
+                     {"gid", l.gidAfter}};
         }
         files.push_back({{"block", l.block},
                          {"action", l.action},

@@ -25,7 +25,8 @@ std::string text(std::string_view s) { return std::string(s.data(), s.size()); }
 
 class BlockPreview {
 public:
-    BlockPreview(const brask::catalogue::Selection& cat, unsigned block, PreviewTree& tree, std::vector<Line>& lines)
+    BlockPreview(const brask::catalogue::Selection& cat, unsigned block, PreviewTree& tree,
+                 std::vector<Line>& lines)
         : cat_(cat), block_(block), tree_(tree), lines_(lines) {}
 
     // False when the restore of this block would fail: the blocks after it are not restored.
@@ -77,7 +78,8 @@ private:
         const std::string path = text(step.target);
         switch (step.action) {
             case plan::Action::FailNoSuffix:
-                return fail("", "entry " + std::to_string(step.entryIndex) + ": stored name without \".bak\"");
+                return fail("",
+                            "entry " + std::to_string(step.entryIndex) + ": stored name without \".bak\"");
             case plan::Action::FailEmptyTarget:
                 return fail("", "entry " + std::to_string(step.entryIndex) + ": stored name names no file");
             case plan::Action::SkipUnknown:
@@ -124,7 +126,8 @@ private:
         if (step.action == plan::Action::WriteParts) {
             after = current.value_or(std::vector<std::uint8_t>{});
             for (const PartOffsetList_T& part : PmconfigList) {
-                if (after.size() < std::size_t{part.Offset} + part.Size) after.resize(part.Offset + part.Size);
+                if (after.size() < std::size_t{part.Offset} + part.Size)
+                    after.resize(part.Offset + part.Size);
                 std::copy_n(step.data.begin() + part.Offset, part.Size, after.begin() + part.Offset);
             }
             action = "parts";
@@ -133,10 +136,15 @@ private:
             note = "made from the whole stored image; the entries after it are not restored";
         }
         switch (step.device) {
-            case plan::Device::Fru: note = "then written into the FRU"; break;
+            case plan::Device::Fru:
+                note = "then written into the FRU";
+                break;
             case plan::Device::PostCheckCode:
-            case plan::Device::WatchdogParameters: note = "then written into the EEPROM"; break;
-            case plan::Device::None: break;
+            case plan::Device::WatchdogParameters:
+                note = "then written into the EEPROM";
+                break;
+            case plan::Device::None:
+                break;
         }
         Line& line = add(action, path, step.before);
         line.existsAfter = true;
@@ -231,14 +239,16 @@ Preview previewBackup(format::Bytes file, const Request& request, PreviewTree& t
         return refuse(SVF_EXTRACT_NO_FILE, "fread fail: shorter than the 96-byte header");
     }
     const std::size_t headerArea = format::backupHeaderAreaSize(header.NumOfBlock);
-    const format::Refusal checks = format::refusalOf(format::judgeBackupHeader(
-        header, format::limitedSum(file, static_cast<std::uint32_t>(headerArea)), request.fwType, request.restoreMode));
+    const format::Refusal checks = format::refusalOf(
+        format::judgeBackupHeader(header, format::limitedSum(file, static_cast<std::uint32_t>(headerArea)),
+                                  request.fwType, request.restoreMode));
     if (checks.result != 0) return refuse(checks.result, checks.message);
     if (format::checksIdentity(request.restoreMode)) {
         if (!request.identity) {
             p.notes.push_back("the model and serial number were not compared with the server's");
         } else {
-            const format::Refusal identity = format::refusalOf(format::compareIdentity(*request.identity, header));
+            const format::Refusal identity =
+                format::refusalOf(format::compareIdentity(*request.identity, header));
             if (identity.result != 0) return refuse(identity.result, identity.message);
         }
     }

@@ -28,7 +28,8 @@ namespace plan = brask::plan;
 // the tree that the blocks before it leave.
 class PreviewTree final : public plan::Tree {
 public:
-    PreviewTree(std::string root, bool maintenanceMode) : root_(std::move(root)), maintenance_(maintenanceMode) {}
+    PreviewTree(std::string root, bool maintenanceMode)
+        : root_(std::move(root)), maintenance_(maintenanceMode) {}
 
     plan::LiveFile lookup(const char* path) const override;
     bool maintenanceMode() const override { return maintenance_; }
@@ -66,9 +67,9 @@ struct Line {
 
 struct Verdict {
     bool accepted = false;
-    int result = 0;               // svfExtractBraskBackupFile's result (0 when accepted)
+    int result = 0;                   // svfExtractBraskBackupFile's result (0 when accepted)
     std::uint8_t completionCode = 0;  // Execute Restore Event's answer
-    std::string reason;           // the restore's own message, or what would go wrong
+    std::string reason;               // the restore's own message, or what would go wrong
 };
 
 struct Preview {

@@ -42,8 +42,8 @@ void inspectBlock(format::Bytes bytes, const std::string& where, Block& block, I
     block.checksum.stored = block.header.ChkSum;
     block.checksum.sum = format::wordSum(bytes);
     if (!block.headerOk) {
-        failures.push_back(printf("%sshorter than the 8-byte block header (%zu bytes)", where.c_str(),
-                                  bytes.size()));
+        failures.push_back(
+            printf("%sshorter than the 8-byte block header (%zu bytes)", where.c_str(), bytes.size()));
         return;
     }
     if (!block.checksum.ok()) {
@@ -64,8 +64,8 @@ void inspectBlock(format::Bytes bytes, const std::string& where, Block& block, I
         block.entries.push_back(std::move(e));
     }
     if (walk.trailingBytes() > 0) {
-        r.remarks.push_back(printf("%s%zu bytes after the last entry (a restore ignores them)",
-                                   where.c_str(), walk.trailingBytes()));
+        r.remarks.push_back(printf("%s%zu bytes after the last entry (a restore ignores them)", where.c_str(),
+                                   walk.trailingBytes()));
     } else if (walk.status() != format::Status::Ok) {
         failures.push_back(printf("%sentry %u at offset %zu: %s", where.c_str(), walk.decoded(),
                                   walk.offset(), format::statusText(walk.status())));
@@ -74,8 +74,8 @@ void inspectBlock(format::Bytes bytes, const std::string& where, Block& block, I
 
 void inspectBackup(format::Bytes file, Inspection& r) {
     if (format::decodeBackupHeader(file, r.header) != format::Status::Ok) {
-        r.failures.push_back(printf("shorter than the %zu-byte header (%zu bytes)",
-                                    format::kBackupHeaderSize, file.size()));
+        r.failures.push_back(
+            printf("shorter than the %zu-byte header (%zu bytes)", format::kBackupHeaderSize, file.size()));
         return;
     }
     r.headerOk = true;
@@ -84,17 +84,19 @@ void inspectBackup(format::Bytes file, Inspection& r) {
     r.headerAreaOk = format::headerAreaBytes(file, h, area) == format::Status::Ok;
     r.headerChecksum.stored = h.ChkSum;
     if (!r.headerAreaOk) {
-        r.failures.push_back(printf("header and block table (%zu bytes) run past the end of the file (%zu bytes)",
-                                    format::backupHeaderAreaSize(h.NumOfBlock), file.size()));
+        r.failures.push_back(
+            printf("header and block table (%zu bytes) run past the end of the file (%zu bytes)",
+                   format::backupHeaderAreaSize(h.NumOfBlock), file.size()));
     } else {
         r.headerChecksum.sum = format::wordSum(area);
         if (!r.headerChecksum.ok()) {
-            r.failures.push_back(printf("header checksum mismatch: words sum to 0x%08x, ChkSum 0x%08x should be 0x%08x",
-                                        r.headerChecksum.sum, r.headerChecksum.stored,
-                                        r.headerChecksum.expected()));
+            r.failures.push_back(
+                printf("header checksum mismatch: words sum to 0x%08x, ChkSum 0x%08x should be 0x%08x",
+                       r.headerChecksum.sum, r.headerChecksum.stored, r.headerChecksum.expected()));
         }
     }
-    if (h.Version != format::kBackupVersion) r.failures.push_back(printf("unknown file format: Version %u", h.Version));
+    if (h.Version != format::kBackupVersion)
+        r.failures.push_back(printf("unknown file format: Version %u", h.Version));
     if (h.FwType > BMC_FILE) r.failures.push_back(printf("unknown firmware type %u", h.FwType));
     if (h.FwType == BMC_FILE && h.DataRev != format::kBackupDataRev) {
         r.failures.push_back(printf("unknown data revision %u", h.DataRev));

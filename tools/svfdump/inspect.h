@@ -33,9 +33,9 @@ struct Checksum {
 
 struct Block {
     std::optional<svfBraskBackupFileBlockInfo_T> info;  // none for a lone block file
-    bool located = false;      // its bytes lie inside the file
-    std::size_t size = 0;      // bytes located
-    bool headerOk = false;     // at least the 8-byte block header is there
+    bool located = false;                               // its bytes lie inside the file
+    std::size_t size = 0;                               // bytes located
+    bool headerOk = false;                              // at least the 8-byte block header is there
     svfBraskArchiveFileHeader_T header{};
     Checksum checksum;
     std::vector<Entry> entries;

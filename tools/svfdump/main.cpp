@@ -34,8 +34,9 @@ int fail(const std::string& file, const std::string& reason, int status) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app{"Shows a backup file or an archive block: identity, revisions, time, block table,\n"
-                 "every entry and a verdict per checksum.  Writes nothing unless --extract is given."};
+    CLI::App app{
+        "Shows a backup file or an archive block: identity, revisions, time, block table,\n"
+        "every entry and a verdict per checksum.  Writes nothing unless --extract is given."};
     std::string file;
     bool json = false;
     std::string extractDir;
@@ -59,7 +60,8 @@ int main(int argc, char** argv) {
                        "instead, show what restoring the backup FILE would do to the BMC whose /conf is "
                        "ROOT/conf (ROOT/ for a BMC's own tree); the identity is not checked")
             ->option_text("ROOT");
-    app.add_flag("--maintenance", maintenance, "with --plan: the BMC is in maintenance mode")->needs(planOption);
+    app.add_flag("--maintenance", maintenance, "with --plan: the BMC is in maintenance mode")
+        ->needs(planOption);
     planOption->excludes("--extract")->excludes("--as");
     try {
         app.parse(argc, argv);
@@ -70,7 +72,7 @@ int main(int argc, char** argv) {
     // The file is mapped, not read: its length is the file system's, and no
     // length taken from inside the file decides how much memory is used.
     brask::ScopedFd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
-    struct stat st{};
+    struct stat st {};
     if (!fd || ::fstat(fd.get(), &st) != 0) return fail(file, std::strerror(errno), kUsage);
     if (!S_ISREG(st.st_mode)) return fail(file, "not a regular file", kUsage);
     brask::ScopedMapping mapping(fd.get(), static_cast<std::size_t>(st.st_size));
@@ -82,18 +84,23 @@ int main(int argc, char** argv) {
         if (planRoot == "/") planRoot.clear();
         preview::PreviewTree tree(planRoot, maintenance);
         const preview::Preview p = preview::previewBackup(bytes, preview::Request{}, tree);
-        if (json) std::cout << preview::toJson(file, p).dump(2) << '\n';
-        else preview::renderText(std::cout, file + " on " + (planRoot.empty() ? "/" : planRoot) + "/conf", p);
+        if (json)
+            std::cout << preview::toJson(file, p).dump(2) << '\n';
+        else
+            preview::renderText(std::cout, file + " on " + (planRoot.empty() ? "/" : planRoot) + "/conf", p);
         std::cout.flush();
-        return p.verdict.accepted ? kSound : fail(file, "a restore refuses it: " + p.verdict.reason, kIntegrity);
+        return p.verdict.accepted ? kSound
+                                  : fail(file, "a restore refuses it: " + p.verdict.reason, kIntegrity);
     }
 
     const svfdump::Inspection r = svfdump::inspect(bytes, kind);
     std::optional<svfdump::ExtractOutcome> extract;
     if (!extractDir.empty()) extract = svfdump::extractAll(r, extractDir);
 
-    if (json) svfdump::renderJson(std::cout, file, r, extract);
-    else svfdump::renderText(std::cout, file, r, extract);
+    if (json)
+        svfdump::renderJson(std::cout, file, r, extract);
+    else
+        svfdump::renderText(std::cout, file, r, extract);
     std::cout.flush();
 
     if (!r.sound()) return fail(file, r.failures.front(), kIntegrity);

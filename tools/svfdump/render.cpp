@@ -22,9 +22,7 @@ std::string revision(const FwRev_T& rev) {
     return std::to_string(rev.Major) + "." + std::to_string(rev.Minor);
 }
 
-const char* fwTypeName(std::uint8_t t) {
-    return t == EFI_FILE ? "EFI" : t == BMC_FILE ? "BMC" : "unknown";
-}
+const char* fwTypeName(std::uint8_t t) { return t == EFI_FILE ? "EFI" : t == BMC_FILE ? "BMC" : "unknown"; }
 
 std::string moduleTypeText(const std::uint8_t (&m)[2]) {
     char s[8];
@@ -70,8 +68,9 @@ void blockText(std::ostream& out, unsigned index, const Block& b) {
         field(out, "  sum", "not checked: no block header");
         return;
     }
-    field(out, "  sum", checksumText(b.checksum) + ", version " + std::to_string(b.header.Version) +
-                            ", " + std::to_string(b.header.NumOfEntry) + " entries");
+    field(out, "  sum",
+          checksumText(b.checksum) + ", version " + std::to_string(b.header.Version) + ", " +
+              std::to_string(b.header.NumOfEntry) + " entries");
     for (const Entry& e : b.entries) entryLine(out, e);
     if (b.entries.size() < b.header.NumOfEntry) {
         out << "  ... " << (b.header.NumOfEntry - b.entries.size()) << " entries unreadable\n";
@@ -146,8 +145,9 @@ void renderText(std::ostream& out, const std::string& path, const Inspection& r,
                 const std::optional<ExtractOutcome>& extract) {
     const bool backup = r.kind == format::ContentKind::BackupFile;
     field(out, "file", escaped(path));
-    field(out, "kind", std::string(backup ? "backup file" : "archive block") + ", " +
-                           std::to_string(r.fileSize) + " bytes");
+    field(
+        out, "kind",
+        std::string(backup ? "backup file" : "archive block") + ", " + std::to_string(r.fileSize) + " bytes");
     if (backup && r.headerOk) {
         const auto& h = r.header;
         const std::uint32_t timeStamp = h.TimeStamp;
@@ -160,10 +160,11 @@ void renderText(std::ostream& out, const std::string& path, const Inspection& r,
         field(out, "BMC revision", revision(h.BmcRev));
         field(out, "EFI revision", revision(h.EfiRev));
         field(out, "firmware", std::string(fwTypeName(h.FwType)) + " (" + std::to_string(h.FwType) + ")");
-        field(out, "blocks", std::to_string(h.NumOfBlock) + " (header and table: " +
-                                 std::to_string(format::backupHeaderAreaSize(h.NumOfBlock)) + " bytes)");
-        field(out, "header sum", r.headerAreaOk ? checksumText(r.headerChecksum)
-                                                : "not checked: header and table incomplete");
+        field(out, "blocks",
+              std::to_string(h.NumOfBlock) + " (header and table: " +
+                  std::to_string(format::backupHeaderAreaSize(h.NumOfBlock)) + " bytes)");
+        field(out, "header sum",
+              r.headerAreaOk ? checksumText(r.headerChecksum) : "not checked: header and table incomplete");
     }
     for (unsigned i = 0; i < r.blocks.size(); ++i) {
         out << '\n';
@@ -175,9 +176,9 @@ void renderText(std::ostream& out, const std::string& path, const Inspection& r,
     for (const std::string& f : r.failures) out << "  - " << f << '\n';
     for (const std::string& m : r.remarks) field(out, "remark", m);
     if (extract) {
-        field(out, "extract", extract->ok ? std::to_string(extract->written) + " files written under " +
-                                                escaped(extract->dir)
-                                          : "refused: " + extract->reason);
+        field(out, "extract",
+              extract->ok ? std::to_string(extract->written) + " files written under " + escaped(extract->dir)
+                          : "refused: " + extract->reason);
     }
 }
 

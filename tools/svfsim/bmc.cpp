@@ -27,8 +27,7 @@ void Bmc::loadTimers() {
     if (!(in >> kill >> reboot >> fileType >> function >> blocks)) return;
     *lib_.killProcessTimer = static_cast<INT8U>(kill);
     *lib_.rebootTimer = static_cast<INT8U>(reboot);
-    *lib_.restoreType = svfRestoreType_T{static_cast<INT8U>(fileType),
-                                         static_cast<INT8U>(function),
+    *lib_.restoreType = svfRestoreType_T{static_cast<INT8U>(fileType), static_cast<INT8U>(function),
                                          static_cast<INT8U>(blocks)};
 }
 
@@ -37,8 +36,7 @@ void Bmc::saveTimers() const {
     std::ofstream out(kTimersFile, std::ios::trunc);
     const svfRestoreType_T& r = *lib_.restoreType;
     out << unsigned{*lib_.killProcessTimer} << ' ' << unsigned{*lib_.rebootTimer} << ' '
-        << unsigned{r.FileType} << ' ' << unsigned{r.Function} << ' ' << unsigned{r.NumOfBlock}
-        << '\n';
+        << unsigned{r.FileType} << ' ' << unsigned{r.Function} << ' ' << unsigned{r.NumOfBlock} << '\n';
 }
 
 EventAnswer Bmc::event() {
@@ -80,8 +78,7 @@ TickReport Bmc::tick() {
     r.commands.assign(commands.begin() + static_cast<long>(std::min(commandsBefore, commands.size())),
                       commands.end());
     const std::vector<SelEntry> entries = sel();
-    r.sel.assign(entries.begin() + static_cast<long>(std::min(selBefore, entries.size())),
-                 entries.end());
+    r.sel.assign(entries.begin() + static_cast<long>(std::min(selBefore, entries.size())), entries.end());
     return r;
 }
 
@@ -104,8 +101,8 @@ bool Bmc::withStatusArea(std::string& error, Use use) {
     return true;
 }
 
-bool Bmc::applyOperation(unsigned slot, std::uint8_t operation, std::uint8_t& before,
-                         std::uint8_t& after, std::string& error) {
+bool Bmc::applyOperation(unsigned slot, std::uint8_t operation, std::uint8_t& before, std::uint8_t& after,
+                         std::string& error) {
     INT32S result = SVF_EVENT_REJECTED;
     const bool locked = withStatusArea(error, [&](hslSemiVolatileArea_T& area) {
         INT8U& status = area.svf.svfStatusList[slot];

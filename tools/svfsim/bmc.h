@@ -66,8 +66,8 @@ public:
     std::uint8_t exeRestoreEvent(std::uint8_t fileType, std::uint8_t function);
     TickReport tick();
     // Applies `operation` to a slot's status byte under the status-area lock.
-    bool applyOperation(unsigned slot, std::uint8_t operation, std::uint8_t& before,
-                        std::uint8_t& after, std::string& error);
+    bool applyOperation(unsigned slot, std::uint8_t operation, std::uint8_t& before, std::uint8_t& after,
+                        std::string& error);
     bool readStatus(Status& out, std::string& error);
 
     std::vector<SelEntry> sel() const;

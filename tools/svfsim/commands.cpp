@@ -34,10 +34,14 @@ constexpr unsigned kMaxRestoreTicks = 64;
 
 const char* requesterName(std::uint8_t function) {
     switch (function) {
-        case N_P_M: return "auto / N+M";
-        case SVP_CONSOL: return "SVP console";
-        case BMC_WEB_CONSOLE: return "web console";
-        default: return "unknown requester";
+        case N_P_M:
+            return "auto / N+M";
+        case SVP_CONSOL:
+            return "SVP console";
+        case BMC_WEB_CONSOLE:
+            return "web console";
+        default:
+            return "unknown requester";
     }
 }
 
@@ -51,13 +55,13 @@ struct FileStamp {
     ino_t inode = 0;
     timespec mtime{};
     bool operator==(const FileStamp& o) const {
-        return exists == o.exists && size == o.size && inode == o.inode &&
-               mtime.tv_sec == o.mtime.tv_sec && mtime.tv_nsec == o.mtime.tv_nsec;
+        return exists == o.exists && size == o.size && inode == o.inode && mtime.tv_sec == o.mtime.tv_sec &&
+               mtime.tv_nsec == o.mtime.tv_nsec;
     }
 };
 
 FileStamp stamp(const std::string& path) {
-    struct stat st{};
+    struct stat st {};
     if (::stat(path.c_str(), &st) != 0) return {};
     return {true, static_cast<long>(st.st_size), st.st_ino, st.st_mtim};
 }
@@ -91,8 +95,9 @@ std::string timeText(std::uint32_t t) {
 
 std::string selText(const SelEntry& e) {
     const SelClass* cls = selClass(e.eventData);
-    return "#" + std::to_string(e.index) + "  " + timeText(e.time) + " UTC  " + hex2(e.eventData) +
-           "  " + slotName(brask::selEventSlot(e.eventData)) + "  " + (cls != nullptr ? cls->meaning : "unknown class");
+    return "#" + std::to_string(e.index) + "  " + timeText(e.time) + " UTC  " + hex2(e.eventData) + "  " +
+           slotName(brask::selEventSlot(e.eventData)) + "  " +
+           (cls != nullptr ? cls->meaning : "unknown class");
 }
 
 void printSel(const std::vector<SelEntry>& entries, const char* indent) {
@@ -170,7 +175,8 @@ void writeEepromImage() {
 bool initialized() { return sb::exists(kInitializedMark); }
 
 int runInit(Bmc& bmc, const InitOptions& o) {
-    if (initialized() && !o.force) return fail("this BMC is already initialized; 'svfsim init --force' starts over");
+    if (initialized() && !o.force)
+        return fail("this BMC is already initialized; 'svfsim init --force' starts over");
     if (!sb::resetTree()) return fail("init must run inside the sandbox");
     console().reopen();
     if (hostPlatformInit() != 0) return fail("the host platform could not create /var/hsl");
@@ -193,8 +199,8 @@ int runInit(Bmc& bmc, const InitOptions& o) {
     (void)::mkdir(kStateDir, 0755);
     sb::writeFile(kInitializedMark, "");
     bmc.saveTimers();
-    say("init: %zu catalogued files written under /conf (of %d catalogue rows), plus %s",
-        written.size(), SVF_BMC_BACKUP_FILE_COUNT, paths::kBiosConfigFile);
+    say("init: %zu catalogued files written under /conf (of %d catalogue rows), plus %s", written.size(),
+        SVF_BMC_BACKUP_FILE_COUNT, paths::kBiosConfigFile);
     say("init: FRU image 2048 bytes, model %s, serial %s", o.model.c_str(), o.serial.c_str());
     say("init: EEPROM image %s (%d bytes), firmware info \"%s\"", HOST_EEPROM_FILE, HOST_EEPROM_SIZE,
         o.fwInfo.c_str());
@@ -211,13 +217,19 @@ int runEvent(Bmc& bmc, bool asJson) {
     const std::uint8_t state = brask::slots::eventTypeState(r.EventType);
     const std::string meaning = completionMeaning(r.CompletionCode, Handler::Get);
     if (asJson) {
-        json j = {{"completionCode", r.CompletionCode}, {"meaning", meaning}, {"length", a.length},
+        json j = {{"completionCode", r.CompletionCode},
+                  {"meaning", meaning},
+                  {"length", a.length},
                   {"restoreAddedInfo", r.RestoreAddedInfo}};
         if (found) {
-            j["event"] = {{"kind", restore ? "restore" : "backup"}, {"eventType", r.EventType},
-                          {"state", state}, {"stateName", stateName(state)},
-                          {"fileType", r.FileType}, {"function", r.Function},
-                          {"slot", slot}, {"slotName", slotName(slot)}};
+            j["event"] = {{"kind", restore ? "restore" : "backup"},
+                          {"eventType", r.EventType},
+                          {"state", state},
+                          {"stateName", stateName(state)},
+                          {"fileType", r.FileType},
+                          {"function", r.Function},
+                          {"slot", slot},
+                          {"slotName", slotName(slot)}};
         } else {
             j["event"] = nullptr;
         }
@@ -246,9 +258,11 @@ int runBackup(Bmc& bmc, std::uint8_t function, std::uint8_t fileType) {
     printSel(selSince(bmc, selBefore), "  ");
     const FileStamp after = stamp(paths::kBmcWebBackupFile);
     if (after.exists && !(after == before)) {
-        say("  backup file: %s, %ld bytes%s", paths::kBmcWebBackupFile, after.size, onHost(paths::kBmcWebBackupFile).c_str());
+        say("  backup file: %s, %ld bytes%s", paths::kBmcWebBackupFile, after.size,
+            onHost(paths::kBmcWebBackupFile).c_str());
         (void)::mkdir(kStateDir, 0755);
-        if (!copyFile(paths::kBmcWebBackupFile, kLastWebBackup)) return fail("cannot keep a copy of the backup");
+        if (!copyFile(paths::kBmcWebBackupFile, kLastWebBackup))
+            return fail("cannot keep a copy of the backup");
     } else {
         say("  no backup file written by this request");
     }
@@ -262,7 +276,8 @@ int runRestore(Bmc& bmc, const std::string& file, std::uint8_t function, bool ti
         return fail(file.empty() ? "no web backup yet: run 'svfsim backup' first or give --file"
                                  : source + " does not exist");
     }
-    if (!copyFile(source, paths::kBmcWebBackupFile)) return fail("cannot copy " + source + " to " + paths::kBmcWebBackupFile);
+    if (!copyFile(source, paths::kBmcWebBackupFile))
+        return fail("cannot copy " + source + " to " + paths::kBmcWebBackupFile);
     say("restore: %s copied to %s (%ld bytes)", file.empty() ? "the last web backup" : source.c_str(),
         paths::kBmcWebBackupFile, stamp(paths::kBmcWebBackupFile).size);
     const std::size_t selBefore = bmc.sel().size();
@@ -299,7 +314,8 @@ int runRestore(Bmc& bmc, const std::string& file, std::uint8_t function, bool ti
     (void)tickUntilReboot(bmc, added, rebooted);
     const unsigned slot = brask::slotIndex(brask::EventKind::Restore, function, BMC_FILE);
     if (hasSel(added, brask::selEventCode(slot, SEL_CLASS_FAIL))) return fail("the deferred restore failed");
-    if (!rebooted) return fail("no reboot was requested within " + std::to_string(kMaxRestoreTicks) + " ticks");
+    if (!rebooted)
+        return fail("no reboot was requested within " + std::to_string(kMaxRestoreTicks) + " ticks");
     return 0;
 }
 
@@ -323,7 +339,9 @@ int runStatus(Bmc& bmc, bool asJson) {
         json j;
         j["slots"] = json::array();
         for (unsigned i = 0; i < s.slots.size(); ++i) {
-            j["slots"].push_back({{"index", i}, {"name", slotName(i)}, {"state", s.slots[i]},
+            j["slots"].push_back({{"index", i},
+                                  {"name", slotName(i)},
+                                  {"state", s.slots[i]},
                                   {"stateName", stateName(s.slots[i])}});
         }
         for (const auto& [name, value] : flags) j["flags"][name] = value;
@@ -364,7 +382,9 @@ int runSel(Bmc& bmc, bool asJson) {
         json j = json::array();
         for (const SelEntry& e : entries) {
             const SelClass* cls = selClass(e.eventData);
-            j.push_back({{"index", e.index}, {"time", e.time}, {"eventData", e.eventData},
+            j.push_back({{"index", e.index},
+                         {"time", e.time},
+                         {"eventData", e.eventData},
                          {"slot", brask::selEventSlot(e.eventData)},
                          {"slotName", slotName(brask::selEventSlot(e.eventData))},
                          {"class", brask::selEventClass(e.eventData)},
@@ -386,8 +406,8 @@ int runFiles(Bmc& bmc) {
         const std::string copy = bmc.backupCopyPath(row.FilePass);
         const FileStamp live = stamp(path);
         const bool hasCopy = sb::exists(copy);
-        const char* copyState = !hasCopy ? "none"
-                                : !live.exists ? "left-over"
+        const char* copyState = !hasCopy                                   ? "none"
+                                : !live.exists                             ? "left-over"
                                 : sb::readFile(path) == sb::readFile(copy) ? "current"
                                                                            : "stale";
         present += live.exists ? 1u : 0u;

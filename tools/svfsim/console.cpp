@@ -5,8 +5,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdarg>
 #include <chrono>
+#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -15,7 +15,7 @@ namespace svfsim {
 namespace {
 
 long fileSize(const char* path) {
-    struct stat st{};
+    struct stat st {};
     return ::stat(path, &st) == 0 ? static_cast<long>(st.st_size) : 0;
 }
 
@@ -142,7 +142,7 @@ int fail(const std::string& reason) {
     // The host's path to the log when the state directory outlives this run.
     const char* root = std::getenv("BRASK_SVFSIM_HOST_ROOT");
     const std::string where = root != nullptr && *root != '\0' ? std::string(root) + kLogFile
-                                                                : std::string(kLogFile) + " (in the sandbox)";
+                                                               : std::string(kLogFile) + " (in the sandbox)";
     std::fprintf(c.err(), "svfsim: library log: %s\n", where.c_str());
     if (!line.empty()) std::fprintf(c.err(), "svfsim: last error: %s\n", line.c_str());
     return 1;

@@ -45,11 +45,11 @@ private:
     int savedOut_ = -1;
     int savedErr_ = -1;
     bool verbose_ = false;
-    long startOffset_ = 0;   // the log's size when this run began
-    long shownOffset_ = 0;   // how far verbose output has copied it
+    long startOffset_ = 0;  // the log's size when this run began
+    long shownOffset_ = 0;  // how far verbose output has copied it
     std::mutex showing_;
     std::atomic<bool> stop_{false};
-    std::thread follower_;   // copies the log while a long call runs
+    std::thread follower_;  // copies the log while a long call runs
 };
 
 Console& console();

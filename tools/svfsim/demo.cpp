@@ -38,7 +38,7 @@ struct Snapshot {
 };
 
 Snapshot snapshot(const std::string& path) {
-    struct stat st{};
+    struct stat st {};
     if (::lstat(path.c_str(), &st) != 0) return {};
     return {true, sb::readFile(path), st.st_mode & 07777};
 }
@@ -80,8 +80,8 @@ int runDemo(Bmc& bmc) {
     bool allBack = true;
     for (std::size_t i = 0; i < std::size(kDamage); ++i) {
         const Snapshot now = snapshot(kDamage[i].path);
-        const bool same = now.exists == before[i].exists && now.content == before[i].content &&
-                          now.mode == before[i].mode;
+        const bool same =
+            now.exists == before[i].exists && now.content == before[i].content && now.mode == before[i].mode;
         allBack = allBack && same;
         if (same) {
             say("%s: back, identical to the backed-up file (%zu bytes, mode %04o)", kDamage[i].path,

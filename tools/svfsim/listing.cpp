@@ -39,8 +39,8 @@ bool listBackup(const std::string& path, unsigned entriesPerBlock, std::string& 
         return false;
     }
     format::Bytes area;
-    const bool headerSumOk = format::headerAreaBytes(file, header, area) == format::Status::Ok &&
-                             format::wordSum(area) == 0;
+    const bool headerSumOk =
+        format::headerAreaBytes(file, header, area) == format::Status::Ok && format::wordSum(area) == 0;
     say("%s: %zu bytes, model %s, serial %s, BMC firmware %u.%u, %u block(s), header checksum %s",
         path.c_str(), bytes.size(), fixedText(header.ModelNumber, sizeof header.ModelNumber).c_str(),
         fixedText(header.SerialNumber, sizeof header.SerialNumber).c_str(), header.BmcRev.Major,

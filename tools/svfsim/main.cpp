@@ -57,8 +57,10 @@ int enterSandbox(int argc, char** argv, bool temporary, const std::string& root,
         }
         options.readOnlyPaths.push_back(real);
         for (std::size_t i = 1; i < args.size(); ++i) {
-            if (args[i] == restoreFile && args[i - 1] == "--file") args[i] = real;
-            else if (args[i] == "--file=" + restoreFile) args[i] = "--file=" + real.string();
+            if (args[i] == restoreFile && args[i - 1] == "--file")
+                args[i] = real;
+            else if (args[i] == "--file=" + restoreFile)
+                args[i] = "--file=" + real.string();
         }
     }
     std::vector<char*> raw;
@@ -76,8 +78,7 @@ int main(int argc, char** argv) {
     app.fallthrough();
     std::string root = "./bmc-root";
     bool verbose = false;
-    app.add_option("--root", root, "State directory, created on first use and kept")
-        ->capture_default_str();
+    app.add_option("--root", root, "State directory, created on first use and kept")->capture_default_str();
     app.add_flag("-v,--verbose", verbose, "Show the library's diagnostic lines as they come");
 
     InitOptions initOptions;
@@ -91,31 +92,38 @@ int main(int argc, char** argv) {
     event->add_flag("--json", json, "Print JSON");
 
     std::string requester = "web", fileType = "bmc";
-    auto* backup = app.add_subcommand("backup", "Send Set Backup Event; show SEL entries and the backup file");
+    auto* backup =
+        app.add_subcommand("backup", "Send Set Backup Event; show SEL entries and the backup file");
     backup->add_option("--requester", requester, "Who asks")
-        ->check(CLI::IsMember({"web", "svp", "auto"}))->capture_default_str();
+        ->check(CLI::IsMember({"web", "svp", "auto"}))
+        ->capture_default_str();
     backup->add_option("--file-type", fileType, "Which files")
-        ->check(CLI::IsMember({"bmc", "efi"}))->capture_default_str();
+        ->check(CLI::IsMember({"bmc", "efi"}))
+        ->capture_default_str();
 
     std::string restoreFile;
     bool noTicks = false;
-    auto* restore = app.add_subcommand("restore", "Send Execute Restore Event, then tick until the reboot request");
+    auto* restore =
+        app.add_subcommand("restore", "Send Execute Restore Event, then tick until the reboot request");
     restore->add_option("--file", restoreFile, "Backup file to restore (default: the last web backup)");
     restore->add_option("--requester", requester, "Who asks")
-        ->check(CLI::IsMember({"web", "svp", "auto"}))->capture_default_str();
+        ->check(CLI::IsMember({"web", "svp", "auto"}))
+        ->capture_default_str();
     restore->add_flag("--no-ticks", noTicks, "Stop after the command; 'svfsim tick' goes on");
 
     std::string previewFile;
     auto* previewCommand =
         app.add_subcommand("preview", "Show what restoring the last web backup would do; changes nothing");
-    previewCommand->add_option("--file", previewFile, "Backup file to preview instead of the last web backup");
+    previewCommand->add_option("--file", previewFile,
+                               "Backup file to preview instead of the last web backup");
     previewCommand->add_flag("--json", json, "Print JSON");
 
     unsigned ticks = 1;
     auto* tick = app.add_subcommand("tick", "Advance the library's timer by N ticks");
     tick->add_option("N", ticks, "Number of ticks")->check(CLI::Range(1u, 1000u))->capture_default_str();
 
-    auto* status = app.add_subcommand("status", "Show the twelve event slots, processing flags and countdowns");
+    auto* status =
+        app.add_subcommand("status", "Show the twelve event slots, processing flags and countdowns");
     status->add_flag("--json", json, "Print JSON");
 
     std::string operation, slot;
@@ -132,7 +140,9 @@ int main(int argc, char** argv) {
 
     if (!sb::insideSandbox()) {
         return enterSandbox(argc, argv, demo->parsed(), root,
-                            restore->parsed() ? restoreFile : previewCommand->parsed() ? previewFile : "");
+                            restore->parsed()          ? restoreFile
+                            : previewCommand->parsed() ? previewFile
+                                                       : "");
     }
     sb::enterSandbox(argc, argv);  // inside: only completes the stub /proc
 
@@ -150,17 +160,28 @@ int main(int argc, char** argv) {
     bmc.loadTimers();
 
     int rc = 1;
-    if (init->parsed()) rc = runInit(bmc, initOptions);
-    else if (event->parsed()) rc = runEvent(bmc, json);
-    else if (backup->parsed()) rc = runBackup(bmc, requesterCode(requester), fileType == "efi" ? EFI_FILE : BMC_FILE);
-    else if (restore->parsed()) rc = runRestore(bmc, restoreFile, requesterCode(requester), !noTicks);
-    else if (previewCommand->parsed()) rc = runPreview(bmc, previewFile, json);
-    else if (tick->parsed()) rc = runTick(bmc, ticks);
-    else if (status->parsed()) rc = runStatus(bmc, json);
-    else if (svp->parsed()) rc = runSvp(bmc, operation, slot);
-    else if (sel->parsed()) rc = runSel(bmc, json);
-    else if (files->parsed()) rc = runFiles(bmc);
-    else if (demo->parsed()) rc = runDemo(bmc);
+    if (init->parsed())
+        rc = runInit(bmc, initOptions);
+    else if (event->parsed())
+        rc = runEvent(bmc, json);
+    else if (backup->parsed())
+        rc = runBackup(bmc, requesterCode(requester), fileType == "efi" ? EFI_FILE : BMC_FILE);
+    else if (restore->parsed())
+        rc = runRestore(bmc, restoreFile, requesterCode(requester), !noTicks);
+    else if (previewCommand->parsed())
+        rc = runPreview(bmc, previewFile, json);
+    else if (tick->parsed())
+        rc = runTick(bmc, ticks);
+    else if (status->parsed())
+        rc = runStatus(bmc, json);
+    else if (svp->parsed())
+        rc = runSvp(bmc, operation, slot);
+    else if (sel->parsed())
+        rc = runSel(bmc, json);
+    else if (files->parsed())
+        rc = runFiles(bmc);
+    else if (demo->parsed())
+        rc = runDemo(bmc);
 
     if (initialized()) bmc.saveTimers();
     console().end();

@@ -22,10 +22,8 @@ struct Completion {
 constexpr std::array<Completion, 12> kCompletions{{
     {SVF_CC_NORMAL, "success", nullptr},
     {SVF_CC_NO_EVENT_OR_FAIL, "the operation failed", "no backup or restore event exists"},
-    {SVF_CC_CHECKSUM_ERROR, "checksum of the backup file or of an archive block does not match",
-     nullptr},
-    {SVF_CC_FW_TYPE_MISMATCH, "firmware type in the backup file differs from the requested one",
-     nullptr},
+    {SVF_CC_CHECKSUM_ERROR, "checksum of the backup file or of an archive block does not match", nullptr},
+    {SVF_CC_FW_TYPE_MISMATCH, "firmware type in the backup file differs from the requested one", nullptr},
     {SVF_CC_IDENTITY_MISMATCH, "model or serial number in the backup file differs from this server's",
      nullptr},
     {SVF_CC_UNKNOWN_DATA_REV, "unknown data revision", nullptr},
@@ -48,8 +46,7 @@ constexpr std::array<SelClass, 4> kSelClasses{{
 bool equalNoCase(std::string_view a, std::string_view b) {
     if (a.size() != b.size()) return false;
     for (std::size_t i = 0; i < a.size(); ++i) {
-        if (std::tolower(static_cast<unsigned char>(a[i])) !=
-            std::tolower(static_cast<unsigned char>(b[i])))
+        if (std::tolower(static_cast<unsigned char>(a[i])) != std::tolower(static_cast<unsigned char>(b[i])))
             return false;
     }
     return true;

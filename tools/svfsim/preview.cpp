@@ -18,8 +18,10 @@ namespace svfsim {
 int runPreview(Bmc& bmc, const std::string& file, bool json) {
     const std::string path = file.empty() ? kLastWebBackup : file;
     std::ifstream in(path, std::ios::binary);
-    if (!in) return fail(file.empty() ? "no web backup yet: run 'svfsim backup' first" : "cannot read " + file);
-    const std::vector<std::uint8_t> bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    if (!in)
+        return fail(file.empty() ? "no web backup yet: run 'svfsim backup' first" : "cannot read " + file);
+    const std::vector<std::uint8_t> bytes{std::istreambuf_iterator<char>(in),
+                                          std::istreambuf_iterator<char>()};
 
     preview::Request request;
     preview::Preview p;

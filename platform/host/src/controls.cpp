@@ -143,10 +143,9 @@ int hostFailCall(const char* functionName, int skip, int count, int err) {
 
 int hostFailCallLate(const char* functionName, int skip, int count, int err) {
     const int i = hostplat::fnIndex(functionName);
-    const bool givesBack = i == static_cast<int>(Fn::ReleaseMutex) ||
-                           i == static_cast<int>(Fn::DestroyMutex) ||
-                           i == static_cast<int>(Fn::FreeSemiVolatileArea) ||
-                           i == static_cast<int>(Fn::ReleaseSysvSemaphore);
+    const bool givesBack =
+        i == static_cast<int>(Fn::ReleaseMutex) || i == static_cast<int>(Fn::DestroyMutex) ||
+        i == static_cast<int>(Fn::FreeSemiVolatileArea) || i == static_cast<int>(Fn::ReleaseSysvSemaphore);
     if (!givesBack || skip < 0 || count < 0) {
         errno = EINVAL;
         return -1;

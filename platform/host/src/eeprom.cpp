@@ -24,8 +24,8 @@ int openEeprom(int flags) noexcept {
 
 extern "C" {
 
-int brask_ReadWriteEEPROM(INT8U Bus, INT8U Channel, INT8U SlaveAddr, INT8U* pBuf,
-                          INT32U Offset, INT32U Length, INT8U Write) {
+int brask_ReadWriteEEPROM(INT8U Bus, INT8U Channel, INT8U SlaveAddr, INT8U* pBuf, INT32U Offset,
+                          INT32U Length, INT8U Write) {
     (void)Bus;
     (void)Channel;
     (void)SlaveAddr;

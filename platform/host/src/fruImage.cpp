@@ -16,7 +16,7 @@ namespace hostplat {
 namespace {
 
 constexpr size_t kProductArea = 0x80;
-constexpr size_t kProductAreaEnd = 0x170;  // exclusive; 30 blocks of 8 bytes
+constexpr size_t kProductAreaEnd = 0x170;   // exclusive; 30 blocks of 8 bytes
 constexpr unsigned char kTypeAscii = 0xC0;  // 8-bit ASCII, length in the low 6 bits
 constexpr unsigned char kEndOfFields = 0xC1;
 constexpr unsigned char kModuleType[2] = {0x01, 0x02};
@@ -53,22 +53,22 @@ int buildFruImage(unsigned char* out, size_t size, const char* model, const char
 
     unsigned char* area = out;
     size_t at = kProductArea;
-    area[at++] = 0x01;                                                 // format version
+    area[at++] = 0x01;  // format version
     area[at++] = static_cast<unsigned char>((kProductAreaEnd - kProductArea) / 8);
-    area[at++] = 0x00;                                                 // language: English
-    at = putField(area, at, 5, "BRASK");                               // manufacturer
-    at = putField(area, at, 22, "BRASK SERVER");                       // product name
-    at = putField(area, at, kFruModelSize, model);                     // model at 0xA1
-    at = putField(area, at, 10, "1.00");                               // version
-    at = putField(area, at, kFruSerialSize, serial);                   // serial at 0xCD
-    at = putField(area, at, 16, "ASSET");                              // asset tag
-    at = putField(area, at, 4, "F001");                                // FRU file id
-    area[at++] = static_cast<unsigned char>(kTypeAscii | 2);           // module type at 0xF8
+    area[at++] = 0x00;                                        // language: English
+    at = putField(area, at, 5, "BRASK");                      // manufacturer
+    at = putField(area, at, 22, "BRASK SERVER");              // product name
+    at = putField(area, at, kFruModelSize, model);            // model at 0xA1
+    at = putField(area, at, 10, "1.00");                      // version
+    at = putField(area, at, kFruSerialSize, serial);          // serial at 0xCD
+    at = putField(area, at, 16, "ASSET");                     // asset tag
+    at = putField(area, at, 4, "F001");                       // FRU file id
+    area[at++] = static_cast<unsigned char>(kTypeAscii | 2);  // module type at 0xF8
     std::memcpy(area + at, kModuleType, sizeof kModuleType);
     at += sizeof kModuleType;
-    at = putField(area, at, 63, "BRASK HOST PLATFORM FRU IMAGE");      // custom fields that
-    at = putField(area, at, 34, "RESERVED");                           // lead up to the UUID
-    area[at++] = static_cast<unsigned char>(kTypeAscii | kFruUuidSize); // UUID at 0x15E
+    at = putField(area, at, 63, "BRASK HOST PLATFORM FRU IMAGE");        // custom fields that
+    at = putField(area, at, 34, "RESERVED");                             // lead up to the UUID
+    area[at++] = static_cast<unsigned char>(kTypeAscii | kFruUuidSize);  // UUID at 0x15E
     for (size_t i = 0; i < kFruUuidSize; ++i) area[at + i] = static_cast<unsigned char>(0xB0 | i);
     at += kFruUuidSize;
     area[at++] = kEndOfFields;

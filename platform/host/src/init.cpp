@@ -21,8 +21,7 @@ extern "C" int hostPlatformInit(void) {
     if (hostplat::ensureFile(HOST_SEMIVOL_FILE, sizeof(hslSemiVolatileArea_T), 0) != 0) return -1;
     if (hostplat::ensureFile(HOST_SEL_FILE, 0, 0) != 0) return -1;
     if (hostplat::ensureFile(HOST_EEPROM_FILE, HOST_EEPROM_SIZE, 0xFF) != 0) return -1;
-    if (hostplat::fileSize(HOST_FRU_FILE) < 0 &&
-        hostFruMakeImage(2048, "BRASK-MODEL", "SN0001") != 0) {
+    if (hostplat::fileSize(HOST_FRU_FILE) < 0 && hostFruMakeImage(2048, "BRASK-MODEL", "SN0001") != 0) {
         return -1;
     }
     return 0;

@@ -128,8 +128,8 @@ extern "C" int API_ExecuteCmd(MsgPkt_T* pMsgPkt, int BMCInst) {
         errno = EINVAL;
         return -1;
     }
-    const bool known = pMsgPkt->NetFnLUN == SVF_NETFNLUN_STORAGE &&
-                       hostplat::ipmiCommandIndex(pMsgPkt->Cmd) >= 0;
+    const bool known =
+        pMsgPkt->NetFnLUN == SVF_NETFNLUN_STORAGE && hostplat::ipmiCommandIndex(pMsgPkt->Cmd) >= 0;
     if (!known || pMsgPkt->Size > SVF_MSGPKT_DATA_SIZE) {
         fail(pMsgPkt, kCcInvalidCommand);
         return 0;
@@ -146,10 +146,18 @@ extern "C" int API_ExecuteCmd(MsgPkt_T* pMsgPkt, int BMCInst) {
         return 0;
     }
     switch (pMsgPkt->Cmd) {
-        case SVF_CMD_GET_FRU_INVENTORY_AREA_INFO: getInventoryAreaInfo(pMsgPkt); break;
-        case SVF_CMD_READ_FRU_DATA: readFruData(pMsgPkt); break;
-        case SVF_CMD_WRITE_FRU_DATA: writeFruData(pMsgPkt); break;
-        default: getSelTime(pMsgPkt); break;
+        case SVF_CMD_GET_FRU_INVENTORY_AREA_INFO:
+            getInventoryAreaInfo(pMsgPkt);
+            break;
+        case SVF_CMD_READ_FRU_DATA:
+            readFruData(pMsgPkt);
+            break;
+        case SVF_CMD_WRITE_FRU_DATA:
+            writeFruData(pMsgPkt);
+            break;
+        default:
+            getSelTime(pMsgPkt);
+            break;
     }
     return 0;
 }

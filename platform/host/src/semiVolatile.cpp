@@ -21,8 +21,7 @@ int openArea() noexcept {
     if (!fd.ok()) return -1;
     const off_t size = ::lseek(fd.get(), 0, SEEK_END);
     if (size < 0) return -1;
-    if (static_cast<size_t>(size) < kAreaSize &&
-        ::ftruncate(fd.get(), static_cast<off_t>(kAreaSize)) != 0) {
+    if (static_cast<size_t>(size) < kAreaSize && ::ftruncate(fd.get(), static_cast<off_t>(kAreaSize)) != 0) {
         return -1;
     }
     return fd.release();

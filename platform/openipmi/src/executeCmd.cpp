@@ -121,13 +121,23 @@ extern "C" int API_ExecuteCmd(MsgPkt_T* pMsgPkt, int BMCInst) {
     }
     switch (pMsgPkt->Cmd) {
         case SVF_CMD_GET_FRU_INVENTORY_AREA_INFO:
-            if (pMsgPkt->Size != 1) fail(pMsgPkt, kCcBadLength);
-            else getInventoryAreaInfo(mc, pMsgPkt);
+            if (pMsgPkt->Size != 1)
+                fail(pMsgPkt, kCcBadLength);
+            else
+                getInventoryAreaInfo(mc, pMsgPkt);
             break;
-        case SVF_CMD_READ_FRU_DATA: readFruData(mc, pMsgPkt); break;
-        case SVF_CMD_WRITE_FRU_DATA: writeFruData(mc, pMsgPkt); break;
-        case SVF_CMD_GET_SEL_TIME: getSelTime(mc, pMsgPkt); break;
-        default: fail(pMsgPkt, kCcInvalidCommand); break;
+        case SVF_CMD_READ_FRU_DATA:
+            readFruData(mc, pMsgPkt);
+            break;
+        case SVF_CMD_WRITE_FRU_DATA:
+            writeFruData(mc, pMsgPkt);
+            break;
+        case SVF_CMD_GET_SEL_TIME:
+            getSelTime(mc, pMsgPkt);
+            break;
+        default:
+            fail(pMsgPkt, kCcInvalidCommand);
+            break;
     }
     return 0;
 }

@@ -70,8 +70,7 @@ __attribute__((visibility("default"))) int ipmi_sim_module_init(sys_data_t* sys,
     }
     int rc = ipmisim::registerOemCommands();
     if (rc != 0) {
-        sys->log(sys, SETUP_ERROR, nullptr, "%s: cannot register the OEM commands: %d",
-                 kModuleName, rc);
+        sys->log(sys, SETUP_ERROR, nullptr, "%s: cannot register the OEM commands: %d", kModuleName, rc);
         return rc;
     }
     rc = sys->alloc_timer(sys, tick, nullptr, &gTick);

@@ -22,13 +22,9 @@ int getBackupRestoreEvent(INT8U* req, INT8U len, INT8U* res) {
     return svfGetBackupRestoreEvent(req, len, res);
 }
 
-int setBackupEvent(INT8U* req, INT8U len, INT8U* res) {
-    return svfOEMSetBackupEvent(req, len, res, 0);
-}
+int setBackupEvent(INT8U* req, INT8U len, INT8U* res) { return svfOEMSetBackupEvent(req, len, res, 0); }
 
-int exeRestoreEvent(INT8U* req, INT8U len, INT8U* res) {
-    return svfOEMExeRestoreEvent(req, len, res, 0);
-}
+int exeRestoreEvent(INT8U* req, INT8U len, INT8U* res) { return svfOEMExeRestoreEvent(req, len, res, 0); }
 
 using Handler = int (*)(INT8U*, INT8U, INT8U*);
 
@@ -43,8 +39,7 @@ constexpr OemCommand kCommands[] = {
     {BRASK_IPMI_CMD_EXE_RESTORE_EVENT, exeRestoreEvent},
 };
 
-void dispatch(lmc_data_t* mc, msg_t* msg, unsigned char* rdata, unsigned int* rdata_len,
-              void* cb_data) {
+void dispatch(lmc_data_t* mc, msg_t* msg, unsigned char* rdata, unsigned int* rdata_len, void* cb_data) {
     const auto* command = static_cast<const OemCommand*>(cb_data);
     if (bmc() == nullptr) setBmc(mc);
     // The handlers take the length as one byte: a longer request cannot be
@@ -69,8 +64,8 @@ void dispatch(lmc_data_t* mc, msg_t* msg, unsigned char* rdata, unsigned int* rd
 
 int registerOemCommands() noexcept {
     for (const OemCommand& c : kCommands) {
-        const int rc = ipmi_emu_register_cmd_handler(BRASK_IPMI_NETFN_OEM, c.cmd, dispatch,
-                                                     const_cast<OemCommand*>(&c));
+        const int rc =
+            ipmi_emu_register_cmd_handler(BRASK_IPMI_NETFN_OEM, c.cmd, dispatch, const_cast<OemCommand*>(&c));
         if (rc != 0) return rc;
     }
     return 0;

@@ -15,15 +15,14 @@ int ipmi_mc_get_fru_data_len(lmc_data_t* mc, unsigned char device_id, unsigned i
 
 // Copies the first `length` bytes of the FRU (at most its length) into `data`,
 // under the FRU's semaphore.
-int ipmi_mc_get_fru_data(lmc_data_t* mc, unsigned char device_id, unsigned int length,
-                         unsigned char* data);
+int ipmi_mc_get_fru_data(lmc_data_t* mc, unsigned char device_id, unsigned int length, unsigned char* data);
 
 // Replaces the FRU's contents: with a null `io`, a copy of `length` bytes of
 // `data` (the form of FRUs given as "data" in the command file).
 typedef int (*sim_fru_io_f)(void* cb_data, int op, unsigned char* data, unsigned int offset,
                             unsigned int length);
-int ipmi_mc_add_fru_data(lmc_data_t* mc, unsigned char device_id, unsigned int length,
-                         sim_fru_io_f io, void* data);
+int ipmi_mc_add_fru_data(lmc_data_t* mc, unsigned char device_id, unsigned int length, sim_fru_io_f io,
+                         void* data);
 
 // Appends a record to the MC's SEL.  `event` holds the 13 bytes after the
 // record type; for record types below 0xE0 ipmi_sim stamps bytes 0 to 3 with

@@ -18,7 +18,7 @@ namespace brask::sandbox {
 // Creates missing parent folders; replaces the file; sets `mode`.
 void writeFile(const std::string& path, std::string_view content, mode_t mode = 0644);
 void writeBytes(const std::string& path, const std::vector<std::uint8_t>& bytes, mode_t mode = 0644);
-std::string readFile(const std::string& path);        // "" when missing
+std::string readFile(const std::string& path);  // "" when missing
 std::vector<std::uint8_t> readBytes(const std::string& path);
 bool exists(const std::string& path);
 

@@ -2,8 +2,7 @@
  * the program is built, never run. */
 #include <BraskSvf.h>
 
-int main(void)
-{
+int main(void) {
     void (*volatile timer)(void) = svfIniTimer;
     return timer != 0 ? 0 : 1;
 }

@@ -18,10 +18,10 @@ extern "C" {
 /* ---- Files of the host platform -------------------------------------------- */
 #define HOST_STATE_DIR "/var/hsl"
 #define HOST_SEMIVOL_FILE "/var/hsl/SemiVolatile.bin" /* 3016 bytes */
-#define HOST_SEL_FILE "/var/hsl/sel.bin"               /* hostSelRecord_T records */
-#define HOST_EEPROM_FILE "/var/hsl/eeprom.bin"         /* 32 KiB image */
-#define HOST_FRU_FILE "/var/hsl/fru.bin"               /* FRU device 0 image */
-#define HOST_MAINTENANCE_FILE "/var/hsl/maintenance"   /* exists: maintenance mode */
+#define HOST_SEL_FILE "/var/hsl/sel.bin"              /* hostSelRecord_T records */
+#define HOST_EEPROM_FILE "/var/hsl/eeprom.bin"        /* 32 KiB image */
+#define HOST_FRU_FILE "/var/hsl/fru.bin"              /* FRU device 0 image */
+#define HOST_MAINTENANCE_FILE "/var/hsl/maintenance"  /* exists: maintenance mode */
 #define HOST_EEPROM_SIZE 32768
 
 /* ---- Fault injection ---------------------------------------------------------- */
@@ -69,9 +69,9 @@ void hostClearSelTime(void);
 
 /* A record of every FRU write and read the responder served, in order. */
 typedef struct {
-    INT8U Cmd;      /* 0x11 read, 0x12 write */
+    INT8U Cmd; /* 0x11 read, 0x12 write */
     INT32U Offset;
-    INT32U Count;   /* bytes asked (read) or written (write) */
+    INT32U Count; /* bytes asked (read) or written (write) */
 } hostFruAccess_T;
 /* Copies at most `max` accesses into `out`; returns how many were recorded. */
 int hostFruAccessLog(hostFruAccess_T* out, int max);
