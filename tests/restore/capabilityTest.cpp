@@ -1,5 +1,6 @@
 // The capability record survives a restore except for InterfaceREV, and the
 // recovery of backup copies puts every copy back over its file.
+#include <algorithm>
 #include <cstring>
 
 #include "BraskSvf/svfApi.h"
@@ -14,7 +15,7 @@ constexpr char kCapability[] = "/conf/BMCCapability.dat";
 std::string capability(const char* interfaceRev, INT8U webClients) {
     INI_BMC_CAPABILITY_T c{};
     std::memcpy(c.BMCtype, "BRASK", 5);
-    std::strncpy(reinterpret_cast<char*>(c.InterfaceREV), interfaceRev, sizeof c.InterfaceREV);
+    std::memcpy(c.InterfaceREV, interfaceRev, std::min(std::strlen(interfaceRev), sizeof c.InterfaceREV));
     c.WebConsoleMaxClient = webClients;
     return std::string(reinterpret_cast<const char*>(&c), sizeof c);
 }
