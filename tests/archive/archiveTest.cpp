@@ -98,6 +98,10 @@ TEST(FileUtils, SumCopyAndNaming) {
             writeBytes(path, content);
             FILE* fp = std::fopen(path.c_str(), "rb");
             EXPECT_EQ(svfGetFileSize(fp), int(size));
+            for (const Call call : {Call::Fseek, Call::Ftell}) {
+                const FailCall fail(call, EIO, path);
+                EXPECT_EQ(svfGetFileSize(fp), -1);
+            }
             for (std::size_t limit : {std::size_t{0}, std::size_t{6}, kSumBlockSize + 2, kSumMapThreshold + 1,
                                       kSumMapWindow + 1, size - 1, size, size + 3}) {
                 std::fseek(fp, 5, SEEK_SET);

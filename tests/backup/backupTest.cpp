@@ -397,6 +397,15 @@ TEST(SetBackupEvent, MakesTheWebConsoleBackupOrSaysWhyNot) {
         // The shell's own lines (dd's timing) vary from run to run.
         EXPECT_EQ(ours(o.out) + ours(o.err, false), r.lines);
         EXPECT_EQ(readFile(kWebBak) != "previous", r.made);
+        if (r.made) {  // each step reports its result
+            const std::string step = "BRASK_DEBUG  : svfOEMSetBackupEvent(#) : ";
+            EXPECT_EQ(linesInOrder(o.out, {step + "svfCreateBraskBackupFile(BMC_FILE) = 0",
+                                           step + "mv /var/brask/BMC.bak /var/brask/BmcWeb.bak"}),
+                      "");
+        }
+        if (r.made && exists(kFru)) {  // the FRU's backup file was made anew, so its copy too
+            EXPECT_EQ(linesInOrder(o.out, {kDbg + "cp " + kFru + " " + bak(kFru)}), "");
+        }
         EXPECT_EQ(exists("/var/brask/BMC.bak"), r.bmcBakLeft);
         EXPECT_EQ(semaphoresHeld(), r.code == 0x88);
         EXPECT_EQ(o.leakedDescriptors, 0);

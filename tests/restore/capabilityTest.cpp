@@ -5,6 +5,7 @@
 
 #include "BraskSvf/svfApi.h"
 #include "restoreTestSupport.h"
+#include "support/interpose.h"
 #include "support/scenario.h"
 
 namespace brask::test {
@@ -47,6 +48,14 @@ TEST_F(RestoreTest, CapabilityKeepsLiveFieldsAndTakesInterfaceRevFromTheBackup) 
         char name[] = "/var/brask/BMC.bak-1";
         ASSERT_EQ(svfExtractBraskArchive(BMC_FILE, name, 1), 0);
         EXPECT_EQ(readFile(kCapability), c.expected);
+    }
+    // A record that cannot be written back is a failure.
+    writeFile(kCapability, capability("REV-A", 4));
+    INI_BMC_CAPABILITY_T whole{};
+    ASSERT_EQ(svfReadBMCCapability(&whole), 0);
+    {
+        const FailCall fail(Call::Fwrite, EIO, kCapability);
+        EXPECT_EQ(svfUpdateBMCCapability(&whole), -1);
     }
     // A record cannot be read from or written over a short file.
     writeFile(kCapability, std::string(50, 'x'));
