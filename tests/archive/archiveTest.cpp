@@ -211,6 +211,7 @@ TEST(Writers, BackupFiles) {
         if (result != 0) continue;
         EXPECT_EQ(linesInOrder(o.out, {kDebug + "ModuleType = 2 1",
                                        kDebug + "UUID = b0 b1 b2 b3 b4 b5 b6 b7 b8 b9.....",
+                                       kDebug + "BmcRev.Major = 2", kDebug + "BmcRev.Minor = 11",
                                        kDebug + "Normal_END_svfCreateBraskBackupFile"}),
                   "");
         std::vector<EntrySpec> entries;

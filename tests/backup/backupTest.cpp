@@ -405,7 +405,7 @@ TEST(SetBackupEvent, MakesTheWebConsoleBackupOrSaysWhyNot) {
         EXPECT_EQ(readFile(kWebBak) != "previous", r.made);
         if (r.made) {  // each step reports its result
             const std::string step = "BRASK_DEBUG  : svfOEMSetBackupEvent(#) : ";
-            EXPECT_EQ(linesInOrder(o.out, {step + "svfCreateBraskBackupFile(BMC_FILE) = 0",
+            EXPECT_EQ(linesInOrder(o.out, {step + "START", step + "svfCreateBraskBackupFile(BMC_FILE) = 0",
                                            step + "mv /var/brask/BMC.bak /var/brask/BmcWeb.bak"}),
                       "");
         }
