@@ -280,11 +280,11 @@ const IoFlow kIoFlows[] = {
     {"ExeRestoreEvent", prepareRestoreSource, exeRestore},
     {"RestoreConfigFile", [] { preparePendingRestore(BMC_WEB_CONSOLE); }, restoreConfigFile},
 };
-constexpr Call kIoCalls[] = {Call::Fopen,  Call::Fread,  Call::Fwrite, Call::Fseek,  Call::Ftell,
-                             Call::Fflush, Call::Fclose, Call::Open,   Call::Write,  Call::Fsync,
-                             Call::Syncfs, Call::Stat,   Call::Lstat,  Call::Fstat,  Call::Mmap,
-                             Call::Chmod,  Call::Fchmod, Call::Chown,  Call::Fchown, Call::Rename,
-                             Call::Unlink, Call::System};
+constexpr Call kIoCalls[] = {Call::Fopen,  Call::Fread,  Call::Fwrite, Call::Fseek, Call::Ftell,
+                             Call::Fflush, Call::Fclose, Call::Open,   Call::Close, Call::Write,
+                             Call::Fsync,  Call::Syncfs, Call::Stat,   Call::Lstat, Call::Fstat,
+                             Call::Mmap,   Call::Chmod,  Call::Fchmod, Call::Chown, Call::Fchown,
+                             Call::Rename, Call::Unlink, Call::System};
 // The library's own folders; a command matches by its text.
 std::vector<const char*> prefixesOf(Call call) {
     if (call == Call::System) return {""};
