@@ -40,12 +40,12 @@ std::string libraryLines(const std::string& text) {
 }
 
 // An entry whose descriptor states `offset` and `size` whatever follows it.
-EntrySpec lying(const std::string& name, std::uint32_t offset, std::int32_t size) {
+StoredEntry lying(const std::string& name, std::uint32_t offset, std::int32_t size) {
     return {.name = name, .data = {}, .fileOffset = offset, .fileSize = size};
 }
 
 TEST(Format, DamagedBlocksStopTheWalk) {
-    const EntrySpec a = entry("/conf/a", "abc", 0100640), b = entry("/conf/ab", "", 0100600);
+    const StoredEntry a = entry("/conf/a", "abc", 0100640), b = entry("/conf/ab", "", 0100600);
     const tuple<Bytes, Status, unsigned, std::size_t> cases[] = {
         {block({a, b}, {7, 7}), Status::Ok, 2, 2},
         {block({lying(std::string(151, 'n'), 179, 0)}), Status::Ok, 1, 0},
@@ -142,7 +142,7 @@ TEST(FileUtils, SumCopyAndNaming) {
 }
 
 // The entry a writer makes of `path`'s backup copy.
-EntrySpec stored(const std::string& path) {
+StoredEntry stored(const std::string& path) {
     struct stat st {};
     EXPECT_EQ(::stat((path + ".bak").c_str(), &st), 0) << path;
     return entry(path, readFile(path + ".bak"), st.st_mode);
@@ -157,7 +157,7 @@ TEST(Writers, BlocksHoldTheirRowsCopies) {
                                      {"/conf/n", DYNAMIC, 0, 0, 0, {}},
                                      {"/conf/ab", STATIC, 0, 0, 1, {}},
                                      {"/conf/x", DYNAMIC, 0, 0, 1, {}}};
-    const std::pair<int, std::vector<EntrySpec>> cases[] = {
+    const std::pair<int, std::vector<StoredEntry>> cases[] = {
         {500, {stored("/conf/a"), stored("/conf/ab")}}, {1, {stored("/conf/a")}}, {0, {}}};
     for (const auto& [files, entries] : cases) {
         ASSERT_EQ(archive::createArchive({rows, 4, "/var/brask/T.bak"}, files, 2), 0);
@@ -214,9 +214,9 @@ TEST(Writers, BackupFiles) {
                                        kDebug + "BmcRev.Major = 2", kDebug + "BmcRev.Minor = 11",
                                        kDebug + "Normal_END_svfCreateBraskBackupFile"}),
                   "");
-        std::vector<EntrySpec> entries;
+        std::vector<StoredEntry> entries;
         for (const std::string& path : written) entries.push_back(stored(path));
-        BackupSpec layout{.blocks = {block({})}, .fwType = type};
+        BackupLayout layout{.blocks = {block({})}, .fwType = type};
         if (type == BMC_FILE) layout.blocks.push_back(block(entries));
         Bytes want = backup(layout);
         // The SEL time and both revisions, after the UUID.

@@ -16,6 +16,7 @@
 
 #include "BraskSvf/hostPlatformControl.h"
 #include "BraskSvf/svfApi.h"
+#include "common/eventCodes.h"
 #include "support/builders.h"
 #include "support/interpose.h"
 #include "support/observe.h"
@@ -353,12 +354,7 @@ const std::string kSet = "BRASK_ERR    : svfOEMSetBackupEvent(#) : ", kBusy = kS
 const std::string kBios = "BRASK_DEBUG  : svfBraskArchiver(#) : BIOS_CONF_FILE open fail\n";
 const std::string kDiffFail = kSet + "svfChkBackupFileDiff fail\n", kCreateFail = kSet + "svfCreateBraskBackupFile fail\n";
 const std::vector<std::uint8_t> kFailSel = {0x0B, 0x3B};
-void otherEvent() {
-    hslSemiVolatileArea_T area{};
-    hostSemiVolRead(&area);
-    area.svf.svfStatus.Restore.NpM.Bmc = ST_GENERATED;
-    hostSemiVolWrite(&area);
-}
+void otherEvent() { setStatusByte(slotIndex(EventKind::Restore, N_P_M, BMC_FILE), ST_GENERATED); }
 
 const SetRow kSetRows[] = {
     {"5 bytes", {1, 2, 0, 0, 0}, [] {}, 0xC7, {}, kSet + "REQ_INV_LEN\n"},

@@ -23,7 +23,7 @@ Bytes cat(Bytes a, const Bytes& b) {
 
 // A block of the scenario's copies of `paths`, as a backup packs them.
 Bytes blockOf(std::initializer_list<const char*> paths) {
-    std::vector<test::EntrySpec> entries;
+    std::vector<test::StoredEntry> entries;
     for (const char* path : paths) entries.push_back(test::entry(path, test::readFile(path)));
     return test::block(entries);
 }

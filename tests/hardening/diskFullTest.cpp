@@ -102,7 +102,7 @@ TEST(DiskFull, FlowsOnAFullFolder) {
         {"query with a full /conf",
          [] {},
          "/conf",
-         [] { return setSlot(5, ST_STANDBY), 0ul; },
+         [] { return setStatusByte(5, ST_STANDBY), 0ul; },
          getEvent,
          0x00,
          {},

@@ -199,7 +199,7 @@ std::vector<Flow> flows() {
     const Expect webStopped{1, {0x35}, -1, 1};
     const Expect svpOk{30, {0x23}, ST_COMPLETION, 0};
     return {
-        {"GetBackupRestoreEvent", [] { setSlot(11, ST_GENERATED); }, getEvent, getOk,
+        {"GetBackupRestoreEvent", [] { setStatusByte(11, ST_GENERATED); }, getEvent, getOk,
          Rules{{"hslGetSemiVolatileArea", kAny, {0x89, {}}}} + lockRules({0x88, {}}, getOk)},
         {"SetBackupEvent", prepareBackupSource, setBackup, setOk,
          // the active-event query; the FRU read of the change detection,

@@ -161,16 +161,10 @@ void preparePendingRestore(INT8U function) {
     gKillProcessAfterFileChkTimer = 0;
     gRebootAfterRestoreTimer = 0;
     gRestoreType.Function = function;
-    if (function == SVP_CONSOL) setSlot(slotIndex(EventKind::Restore, SVP_CONSOL, BMC_FILE), ST_PROCESSING);
+    if (function == SVP_CONSOL)
+        setStatusByte(slotIndex(EventKind::Restore, SVP_CONSOL, BMC_FILE), ST_PROCESSING);
     (void)hostSelClear();
     (void)::unlink(kCommandLog);
-}
-
-void setSlot(unsigned index, INT8U state) {
-    hslSemiVolatileArea_T area{};
-    ASSERT_EQ(hostSemiVolRead(&area), 0);
-    area.svf.svfStatusList[index] = state;
-    ASSERT_EQ(hostSemiVolWrite(&area), 0);
 }
 
 std::string checkTraceRing(std::uint32_t notBefore, int& records) {

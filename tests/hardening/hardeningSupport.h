@@ -66,9 +66,6 @@ void preparePendingRestore(INT8U function);
 // Block file `block` split out of (or packed into) the BMC backup file.
 std::string blockFile(unsigned block);
 
-// Writes a status byte of the shared area directly (test set-up).
-void setSlot(unsigned index, INT8U state);
-
 // Checks the trace ring "/conf/brask/BackRest.trs2": size, header index in
 // range, and every written record consistent (known state codes, a response
 // that matches its own snapshot, a time within [notBefore, now]).  Returns

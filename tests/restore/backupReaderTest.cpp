@@ -105,7 +105,7 @@ TEST_F(RestoreTest, EveryTruncationIsRefused) {
 }
 
 TEST_F(RestoreTest, SplitWritesEachBlockBesideTheBackup) {
-    BackupSpec shape;
+    BackupLayout shape;
     const ByteVec b0 = test::block({});
     const ByteVec b1 = test::block({entry("/conf/resolv.conf", "x")});
     shape.blocks = {b0, b1};

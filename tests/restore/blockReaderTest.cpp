@@ -66,7 +66,7 @@ struct BlockCase {
     bool maintenance = false;
 };
 
-EntrySpec withLayout(EntrySpec e, std::optional<std::uint32_t> offset, std::optional<std::int32_t> size) {
+StoredEntry withLayout(StoredEntry e, std::optional<std::uint32_t> offset, std::optional<std::int32_t> size) {
     e.fileOffset = offset;
     e.fileSize = size;
     return e;
@@ -74,13 +74,13 @@ EntrySpec withLayout(EntrySpec e, std::optional<std::uint32_t> offset, std::opti
 
 // Hostile blocks start with a good entry (its descriptor, 21-byte name and
 // 12 bytes of data), so refusing them must come before anything is written.
-Bytes hostile(EntrySpec bad, std::optional<std::uint16_t> numOfEntry = std::nullopt) {
+Bytes hostile(StoredEntry bad, std::optional<std::uint16_t> numOfEntry = std::nullopt) {
     return test::block({entry(kResolv, "overwritten\n"), std::move(bad)}, {}, numOfEntry);
 }
 constexpr std::uint32_t kSecond = 8 + 20 + 21 + 12;
 
-EntrySpec withoutSuffix(const char* path) {
-    EntrySpec e = entry(path, "x");
+StoredEntry withoutSuffix(const char* path) {
+    StoredEntry e = entry(path, "x");
     e.name = path;
     return e;
 }
@@ -199,7 +199,7 @@ TEST(BlockReader, DeleteFirstRowsAreRemovedUnlessTheBlockCarriesThem) {
     for (const auto& p : doomed) EXPECT_TRUE(exists(p)) << p;
 
     const std::set<std::string> kept = {doomed[0], doomed[30], doomed[68]};
-    std::vector<EntrySpec> entries;
+    std::vector<StoredEntry> entries;
     for (const auto& p : kept) entries.push_back(entry(p, "archived " + p, 0100600));
     writeBytes(kBlockFile, test::block(entries));
     char block1[] = "/var/brask/BMC.bak-1";
@@ -213,10 +213,10 @@ TEST(BlockReader, DeleteFirstRowsAreRemovedUnlessTheBlockCarriesThem) {
 }
 
 TEST(BlockReader, OwnerAndDeviceRestoresFollowTheirFiles) {
-    EntrySpec resolv = entry(kResolv, "x");
+    StoredEntry resolv = entry(kResolv, "x");
     if (canChown()) resolv.uid = resolv.gid = 1234;
     // An FRU backup file: its 16-byte header counts the data bytes after it.
-    EntrySpec fru = entry("/conf/brask/FRUBACKUP.dat", "");
+    StoredEntry fru = entry("/conf/brask/FRUBACKUP.dat", "");
     fru.data = Bytes(16 + 8, 0);
     fru.data[0] = 8;
     for (int i = 0; i < 8; ++i) fru.data[16 + i] = static_cast<std::uint8_t>(0x50 + i);

@@ -42,7 +42,7 @@ TEST_F(RestoreTest, CapabilityKeepsLiveFieldsAndTakesInterfaceRevFromTheBackup) 
             writeFile(kCapability, *c.live);
         else
             (void)std::remove(kCapability);
-        std::vector<EntrySpec> entries;
+        std::vector<StoredEntry> entries;
         if (c.archived) entries.push_back(entry(kCapability, *c.archived));
         writeBytes("/var/brask/BMC.bak-1", test::block(entries));
         char name[] = "/var/brask/BMC.bak-1";

@@ -10,6 +10,7 @@
 #include "BraskSvf/svfApi.h"
 #include "command/exeRestoreEvent.h"
 #include "command/kvmStopChild.h"
+#include "common/eventCodes.h"
 #include "restoreTestSupport.h"
 #include "support/observe.h"
 #include "support/sandbox.h"
@@ -41,12 +42,7 @@ const std::string kReader = "BRASK_ERR  : svfBraskArchiver(#) : ";
 
 void webFile(const ByteVec& f) { writeBytes(kWebBackup, f); }
 
-void otherEventActive() {
-    hslSemiVolatileArea_T area{};
-    hostSemiVolRead(&area);
-    area.svf.svfStatus.Backup.Auto.Bmc = ST_GENERATED;
-    hostSemiVolWrite(&area);
-}
+void otherEventActive() { setStatusByte(slotIndex(EventKind::Backup, N_P_M, BMC_FILE), ST_GENERATED); }
 
 // One row per case.
 // clang-format off

@@ -15,7 +15,7 @@
 
 namespace brask::test {
 
-ByteVec sampleBackup(BackupSpec shape) {
+ByteVec sampleBackup(BackupLayout shape) {
     shape.blocks = {test::block({}), test::block({entry("/conf/resolv.conf", "restored\n"),
                                                   entry("/conf/hid.conf", "hid\n")})};
     return test::backup(shape);

@@ -20,7 +20,7 @@ using ByteVec = Bytes;
 // The backup most cases restore: an empty block 0, resolv.conf and hid.conf
 // in block 1, header fields from `shape` (model and serial: this server's unless
 // given).
-ByteVec sampleBackup(BackupSpec shape = {});
+ByteVec sampleBackup(BackupLayout shape = {});
 // sampleBackup() with one bit of byte `at` flipped, the checksum left as it was.
 ByteVec flipped(std::size_t at);
 

@@ -87,25 +87,19 @@ struct DeferredCase {
     bool timeApplied;
 };
 
-void slotState(unsigned index, INT8U state) {
-    hslSemiVolatileArea_T a = area();
-    a.svf.svfStatusList[index] = state;
-    ASSERT_EQ(hostSemiVolWrite(&a), 0);
-}
-
 // One row per case.
 // clang-format off
 const DeferredCase kDeferred[] = {
     {"WebBmcSuccess", {1, 2, 0}, [] {}, true, 0, {0x25}, 1, 5, ST_NOTHING, true},
     {"WebBmcUnpackFails", {1, 2, 1}, [] {}, true, 1, {0x35}, 1, -1, 0, false},
     {"WebEfi", {0, 2, 0}, [] {}, false, 0, {0x24}, 0, -1, 0, true},
-    {"SvpBmcProcessing", {1, 1, 0}, [] { slotState(3, ST_PROCESSING); }, true, 0, {0x23}, 30, 3, ST_COMPLETION, true},
+    {"SvpBmcProcessing", {1, 1, 0}, [] { setStatusByte(3, ST_PROCESSING); }, true, 0, {0x23}, 30, 3, ST_COMPLETION, true},
     {"SvpBmcNotStarted", {1, 1, 0}, [] {}, true, 0, {0x23}, 30, 3, ST_FAIL, true},
-    {"NplusMBmc", {1, 0, 0}, [] { slotState(1, ST_PROCESSING); }, false, 0, {0x21}, 0, 1, ST_COMPLETION, true},
+    {"NplusMBmc", {1, 0, 0}, [] { setStatusByte(1, ST_PROCESSING); }, false, 0, {0x21}, 0, 1, ST_COMPLETION, true},
     // The restore flag takes the first two mutexes.
     {"SvpBmcNoMutex", {1, 1, 0}, [] { hostFailCall("hslCreateMutex", 2, 1, ENOMEM); }, true, 0, {}, 30, -1, 0, true},
     // Requesters 3 to 5 have status bytes 6 to 11: F * 2 + FT names one of them.
-    {"Function4Bmc", {1, 4, 0}, [] { slotState(9, ST_PROCESSING); }, true, 0, {0x29}, 0, 9, ST_COMPLETION, true},
+    {"Function4Bmc", {1, 4, 0}, [] { setStatusByte(9, ST_PROCESSING); }, true, 0, {0x29}, 0, 9, ST_COMPLETION, true},
     {"WebBmcFlagFails", {1, 2, 0}, [] { hostFailCall("hslCreateMutex", 0, 1, ENOMEM); }, true, 0, {0x35}, 1, -1, 0, false},
 };
 // clang-format on

@@ -21,8 +21,8 @@ void put(Bytes& out, std::size_t at, std::span<const std::uint8_t> bytes) {
 
 Bytes bytesOf(std::string_view text) { return Bytes(text.begin(), text.end()); }
 
-EntrySpec entry(const std::string& path, std::string_view content, std::uint32_t mode) {
-    EntrySpec e;
+StoredEntry entry(const std::string& path, std::string_view content, std::uint32_t mode) {
+    StoredEntry e;
     e.name = path + ".bak";
     e.data = bytesOf(content);
     e.mode = mode;
@@ -32,10 +32,10 @@ EntrySpec entry(const std::string& path, std::string_view content, std::uint32_t
     return e;
 }
 
-Bytes block(const std::vector<EntrySpec>& entries, const Bytes& trailing,
+Bytes block(const std::vector<StoredEntry>& entries, const Bytes& trailing,
             std::optional<std::uint16_t> numOfEntry) {
     Bytes out(fmt::kArchiveHeaderSize);
-    for (const EntrySpec& e : entries) {
+    for (const StoredEntry& e : entries) {
         svfBraskArchiveEntryInfo_T info{};
         std::uint32_t dataOffset = 0;
         (void)fmt::entryDataOffset(out.size(), e.name.size(), dataOffset);
@@ -68,30 +68,30 @@ void sealBlock(Bytes& block) {
     put(block, 0, fmt::encodeArchiveHeader(h));
 }
 
-Bytes backup(const BackupSpec& spec) {
+Bytes backup(const BackupLayout& layout) {
     svfBraskBackupFileHeader_T header{};
-    if (!spec.model || !spec.serial) (void)svfGetProductIdFru(&header);
-    if (spec.model) std::fill(std::begin(header.ModelNumber), std::end(header.ModelNumber), 0);
-    if (spec.serial) std::fill(std::begin(header.SerialNumber), std::end(header.SerialNumber), 0);
-    if (spec.model)
-        std::copy_n(spec.model->begin(), std::min(spec.model->size(), sizeof header.ModelNumber),
+    if (!layout.model || !layout.serial) (void)svfGetProductIdFru(&header);
+    if (layout.model) std::fill(std::begin(header.ModelNumber), std::end(header.ModelNumber), 0);
+    if (layout.serial) std::fill(std::begin(header.SerialNumber), std::end(header.SerialNumber), 0);
+    if (layout.model)
+        std::copy_n(layout.model->begin(), std::min(layout.model->size(), sizeof header.ModelNumber),
                     header.ModelNumber);
-    if (spec.serial)
-        std::copy_n(spec.serial->begin(), std::min(spec.serial->size(), sizeof header.SerialNumber),
+    if (layout.serial)
+        std::copy_n(layout.serial->begin(), std::min(layout.serial->size(), sizeof header.SerialNumber),
                     header.SerialNumber);
-    header.Version = spec.version;
-    header.DataRev = spec.dataRev;
-    header.FwType = spec.fwType;
-    header.NumOfBlock = static_cast<std::uint8_t>(spec.blocks.size());
+    header.Version = layout.version;
+    header.DataRev = layout.dataRev;
+    header.FwType = layout.fwType;
+    header.NumOfBlock = static_cast<std::uint8_t>(layout.blocks.size());
     Bytes file(fmt::backupHeaderAreaSize(header.NumOfBlock));
     put(file, 0, fmt::encodeBackupHeader(header));
-    for (std::size_t i = 0; i < spec.blocks.size(); ++i) {
+    for (std::size_t i = 0; i < layout.blocks.size(); ++i) {
         svfBraskBackupFileBlockInfo_T info{};
         info.BlockOffset = static_cast<std::uint32_t>(file.size());
-        info.BlockSize = static_cast<std::int32_t>(spec.blocks[i].size());
+        info.BlockSize = static_cast<std::int32_t>(layout.blocks[i].size());
         info.InheritanceType = fmt::inheritanceTypeFor(static_cast<unsigned>(i));
         put(file, fmt::kBackupHeaderSize + i * fmt::kBlockInfoSize, fmt::encodeBlockInfo(info));
-        put(file, file.size(), spec.blocks[i]);
+        put(file, file.size(), layout.blocks[i]);
     }
     sealBackup(file);
     return file;

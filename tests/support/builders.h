@@ -17,7 +17,7 @@ using Bytes = std::vector<std::uint8_t>;
 
 Bytes bytesOf(std::string_view text);
 
-struct EntrySpec {
+struct StoredEntry {
     std::string name;  // as stored: the backup-copy path
     Bytes data;
     std::uint32_t mode = 0100644;
@@ -28,16 +28,16 @@ struct EntrySpec {
     std::optional<std::int32_t> fileSize;
 };
 // The entry a backup stores for the active file `path`: its ".bak" name.
-EntrySpec entry(const std::string& path, std::string_view content, std::uint32_t mode = 0100644);
+StoredEntry entry(const std::string& path, std::string_view content, std::uint32_t mode = 0100644);
 
 // A block of `entries`, then `trailing` bytes; NumOfEntry is the count of
 // entries unless given.  Sealed: its words sum to 0.
-Bytes block(const std::vector<EntrySpec>& entries, const Bytes& trailing = {},
+Bytes block(const std::vector<StoredEntry>& entries, const Bytes& trailing = {},
             std::optional<std::uint16_t> numOfEntry = std::nullopt);
 // Makes the words of a block sum to 0 again after a change.
 void sealBlock(Bytes& block);
 
-struct BackupSpec {
+struct BackupLayout {
     std::vector<Bytes> blocks{};
     std::uint8_t fwType = BMC_FILE;
     std::uint8_t version = 1;
@@ -47,7 +47,7 @@ struct BackupSpec {
     std::optional<std::string> serial{};
 };
 // Header, block table and blocks, the header area sealed.
-Bytes backup(const BackupSpec& spec);
+Bytes backup(const BackupLayout& layout);
 // Makes the header area sum to 0 again after a change.
 void sealBackup(Bytes& file);
 

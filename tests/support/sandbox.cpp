@@ -36,6 +36,16 @@ void resetState() {
     }
 }
 
+void setStatusByte(unsigned index, std::uint8_t state) {
+    hslSemiVolatileArea_T area{};
+    const bool read = hostSemiVolRead(&area) == 0;
+    if (read) area.svf.svfStatusList[index] = state;
+    if (!read || hostSemiVolWrite(&area) != 0) {
+        std::fprintf(stderr, "setStatusByte: the host's status area cannot be read or written\n");
+        std::abort();
+    }
+}
+
 std::vector<std::uint8_t> selEvents() {
     std::vector<hostSelRecord_T> records(256);
     const int n = hostSelRead(records.data(), static_cast<int>(records.size()));

@@ -35,4 +35,8 @@ int mappingCount();
 // Event data bytes of the host platform's SEL records, in order.
 std::vector<std::uint8_t> selEvents();
 
+// Writes one byte of the status table straight into the shared area
+// (set-up); aborts when the host platform's area is not there.
+void setStatusByte(unsigned index, std::uint8_t state);
+
 }  // namespace brask::test
