@@ -2,12 +2,11 @@
 // platform's process state between cases, and probes tests compare with.
 #include "support/sandbox.h"
 
-#include <dirent.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -57,14 +56,9 @@ std::vector<std::uint8_t> selEvents() {
 }
 
 int openDescriptorCount() {
-    DIR* d = ::opendir("/proc/self/fd");
-    if (d == nullptr) return -1;
-    int count = 0;
-    while (dirent* e = ::readdir(d)) {
-        if (e->d_name[0] != '.') ++count;
-    }
-    ::closedir(d);
-    return count - 1;  // the directory stream's own descriptor
+    std::error_code ec;
+    const auto n = std::distance(std::filesystem::directory_iterator("/proc/self/fd", ec), {});
+    return ec ? -1 : static_cast<int>(n) - 1;  // the iterator's own descriptor
 }
 
 int mappingCount() {

@@ -4,6 +4,10 @@
 // test skips.
 #pragma once
 
+#include <sys/mount.h>
+
+#include <cerrno>
+#include <cstring>
 #include <string>
 
 namespace brask::test {
@@ -11,8 +15,14 @@ namespace brask::test {
 class TinyMount {
 public:
     // Mounts a tmpfs of `size` ("64k", "1m", ...) over `dir`.
-    TinyMount(std::string dir, const std::string& size);
-    ~TinyMount();  // detaches it again
+    TinyMount(std::string dir, const std::string& size) : dir_(std::move(dir)) {
+        mounted_ =
+            ::mount("tmpfs", dir_.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, ("size=" + size).c_str()) == 0;
+        if (!mounted_) reason_ = "cannot mount a tmpfs on " + dir_ + " here: " + std::strerror(errno);
+    }
+    ~TinyMount() {
+        if (mounted_) (void)::umount2(dir_.c_str(), MNT_DETACH);
+    }
     TinyMount(const TinyMount&) = delete;
     TinyMount& operator=(const TinyMount&) = delete;
 

@@ -1,13 +1,13 @@
 #include "support/tree.h"
 
-#include <dirent.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <set>
 #include <sstream>
 
 #include "support/interpose.h"
@@ -15,58 +15,29 @@
 namespace brask::test {
 namespace {
 
-std::string readAll(const std::string& path) {
-    std::string content;
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return content;
-    char buf[65536];
-    for (ssize_t n; (n = ::read(fd, buf, sizeof buf)) > 0;) content.append(buf, static_cast<std::size_t>(n));
-    ::close(fd);
-    return content;
-}
-
-bool writeAll(const std::string& path, const std::string& content) {
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (fd < 0) return false;
-    std::size_t done = 0;
-    while (done < content.size()) {
-        const ssize_t n = ::write(fd, content.data() + done, content.size() - done);
-        if (n <= 0) break;
-        done += static_cast<std::size_t>(n);
-    }
-    return ::close(fd) == 0 && done == content.size();
-}
+namespace fs = std::filesystem;
 
 void walk(const std::string& path, dev_t device, Tree& tree) {
     struct stat st {};
     if (::lstat(path.c_str(), &st) != 0 || st.st_dev != device) return;
-    Node& node = tree[path];
-    node = Node{st.st_mode, st.st_uid, st.st_gid, {}};
+    Node& node = tree[path] = Node{st.st_mode, st.st_uid, st.st_gid, {}};
+    std::error_code ec;
     if (S_ISREG(st.st_mode)) {
-        node.content = readAll(path);
+        std::ifstream in(path, std::ios::binary);
+        node.content.assign(std::istreambuf_iterator<char>(in), {});
     } else if (S_ISLNK(st.st_mode)) {
-        std::error_code ec;
-        node.content = std::filesystem::read_symlink(path, ec).string();
+        node.content = fs::read_symlink(path, ec).string();
     } else if (S_ISDIR(st.st_mode)) {
-        std::vector<std::string> names;
-        if (DIR* dir = ::opendir(path.c_str())) {
-            while (const dirent* e = ::readdir(dir)) {
-                const std::string name = e->d_name;
-                if (name != "." && name != "..") names.push_back(name);
-            }
-            ::closedir(dir);
-        }
-        for (const std::string& name : names)
-            walk(path == "/" ? "/" + name : path + "/" + name, device, tree);
+        for (const fs::directory_entry& e : fs::directory_iterator(path, ec))
+            walk(e.path().string(), device, tree);
     }
 }
 
 std::string describe(const Node& n) {
     std::ostringstream out;
-    if (S_ISREG(n.mode))
-        out << "file ";
-    else if (S_ISDIR(n.mode))
-        out << "folder ";
+    const char* type = S_ISREG(n.mode) ? "file " : S_ISDIR(n.mode) ? "folder " : nullptr;
+    if (type != nullptr)
+        out << type;
     else if (S_ISLNK(n.mode))
         out << "link to " << n.content << ' ';
     else
@@ -77,17 +48,13 @@ std::string describe(const Node& n) {
 }
 
 std::string changes(const Node& a, const Node& b) {
+    if ((a.mode & S_IFMT) != (b.mode & S_IFMT)) return describe(a) + " -> " + describe(b);
     std::ostringstream out;
     const auto item = [&out]() -> std::ostream& { return out << (out.tellp() > 0 ? ", " : ""); };
-    if ((a.mode & S_IFMT) != (b.mode & S_IFMT)) {
-        item() << describe(a) << " -> " << describe(b);
-        return out.str();
-    }
     if (a.mode != b.mode)
         item() << std::oct << "mode 0" << (a.mode & 07777) << " -> 0" << (b.mode & 07777) << std::dec;
-    if (a.uid != b.uid || a.gid != b.gid) {
+    if (a.uid != b.uid || a.gid != b.gid)
         item() << "owner " << a.uid << ':' << a.gid << " -> " << b.uid << ':' << b.gid;
-    }
     if (a.content != b.content) {
         const auto at = std::mismatch(a.content.begin(), a.content.end(), b.content.begin(), b.content.end());
         item() << (S_ISLNK(a.mode) ? "target " : "content ") << a.content.size() << " -> " << b.content.size()
@@ -100,34 +67,30 @@ std::string changes(const Node& a, const Node& b) {
 // a side without the path passes nullptr.
 template <class F>
 void merge(const Tree& before, const Tree& after, F each) {
-    auto b = before.begin();
-    auto a = after.begin();
-    while (b != before.end() || a != after.end()) {
-        if (a == after.end() || (b != before.end() && b->first < a->first)) {
-            each(b->first, &b->second, nullptr);
-            ++b;
-        } else if (b == before.end() || a->first < b->first) {
-            each(a->first, nullptr, &a->second);
-            ++a;
-        } else {
-            each(a->first, &b->second, &a->second);
-            ++a;
-            ++b;
-        }
+    std::set<std::string> paths;
+    for (const Tree* t : {&before, &after})
+        for (const auto& [path, node] : *t) paths.insert(path);
+    for (const std::string& path : paths) {
+        const auto b = before.find(path), a = after.find(path);
+        each(path, b == before.end() ? nullptr : &b->second, a == after.end() ? nullptr : &a->second);
     }
 }
 
 bool putBack(const std::string& path, const Node& node) {
+    std::error_code ec;
     if (S_ISDIR(node.mode)) {
-        if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) return false;
+        fs::create_directory(path, ec);
+    } else if (S_ISLNK(node.mode)) {
+        fs::remove(path, ec);
+        if (::symlink(node.content.c_str(), path.c_str()) != 0) return false;
+    } else if (S_ISREG(node.mode)) {
+        fs::remove(path, ec);
+        std::ofstream out(path, std::ios::binary);
+        if (!(out << node.content).flush()) return false;
     } else {
-        (void)::unlink(path.c_str());
-        if (S_ISREG(node.mode) ? !writeAll(path, node.content)
-                               : !S_ISLNK(node.mode) || ::symlink(node.content.c_str(), path.c_str()) != 0) {
-            return false;
-        }
+        return false;
     }
-    return ::lchown(path.c_str(), node.uid, node.gid) == 0 &&
+    return !ec && ::lchown(path.c_str(), node.uid, node.gid) == 0 &&
            (S_ISLNK(node.mode) || ::chmod(path.c_str(), node.mode & 07777) == 0);
 }
 
@@ -176,7 +139,7 @@ bool restoreTree(const Tree& snapshot, const std::vector<std::string>& paths) {
         if (::lstat(it->c_str(), &st) == 0 &&
             (kept == snapshot.end() || (st.st_mode & S_IFMT) != (kept->second.mode & S_IFMT))) {
             std::error_code ec;
-            std::filesystem::remove_all(*it, ec);
+            fs::remove_all(*it, ec);
             ok = ok && !ec;
         }
     }
