@@ -71,14 +71,13 @@ void sealBlock(Bytes& block) {
 Bytes backup(const BackupLayout& layout) {
     svfBraskBackupFileHeader_T header{};
     if (!layout.model || !layout.serial) (void)svfGetProductIdFru(&header);
-    if (layout.model) std::fill(std::begin(header.ModelNumber), std::end(header.ModelNumber), 0);
-    if (layout.serial) std::fill(std::begin(header.SerialNumber), std::end(header.SerialNumber), 0);
-    if (layout.model)
-        std::copy_n(layout.model->begin(), std::min(layout.model->size(), sizeof header.ModelNumber),
-                    header.ModelNumber);
-    if (layout.serial)
-        std::copy_n(layout.serial->begin(), std::min(layout.serial->size(), sizeof header.SerialNumber),
-                    header.SerialNumber);
+    const auto set = [](const std::optional<std::string>& text, auto& field) {
+        if (!text) return;
+        std::fill(std::begin(field), std::end(field), 0);
+        std::copy_n(text->begin(), std::min(text->size(), sizeof field), field);
+    };
+    set(layout.model, header.ModelNumber);
+    set(layout.serial, header.SerialNumber);
     header.Version = layout.version;
     header.DataRev = layout.dataRev;
     header.FwType = layout.fwType;

@@ -428,12 +428,9 @@ void armCounter(std::string_view prefix, int crashAt) {
 }  // namespace
 
 const char* callName(Call call) {
-    static constexpr const char* kNames[] = {
-        "fopen",  "fclose", "fflush",  "fread",  "fwrite", "fseek",     "ftell",   "fileno",
-        "fscanf", "open",   "close",   "write",  "fsync",  "fdatasync", "syncfs",  "stat",
-        "lstat",  "fstat",  "fstatfs", "mmap",   "munmap", "chmod",     "fchmod",  "chown",
-        "fchown", "rename", "unlink",  "system", "fork",   "execlp",    "waitpid", "time"};
-    static_assert(std::size(kNames) == static_cast<std::size_t>(Call::Time) + 1);
+#define BRASK_CALL_NAME(value, name) #name,
+    static constexpr const char* kNames[] = {BRASK_TEST_CALLS(BRASK_CALL_NAME)};
+#undef BRASK_CALL_NAME
     return kNames[static_cast<int>(call)];
 }
 

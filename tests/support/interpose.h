@@ -26,41 +26,26 @@
 
 namespace brask::test {
 
-// Each stands for the family of symbols a compiler may emit for it.
-enum class Call {
-    Fopen,   // fopen, fopen64
-    Fclose,  // fails after closing
-    Fflush,
-    Fread,
-    Fwrite,  // fwrite, fputs, fputc, putc (GCC turns one into another)
-    Fseek,   // fseek, fseeko, fseeko64
-    Ftell,   // ftell, ftello, ftello64
-    Fileno,
-    Fscanf,
-    Open,   // open, open64, openat, openat64
-    Close,  // fails after closing
-    Write,  // write, pwrite, pwrite64
-    Fsync,
-    Fdatasync,
-    Syncfs,
-    Stat,     // stat, stat64
-    Lstat,    // lstat, lstat64
-    Fstat,    // fstat, fstat64
-    Fstatfs,  // fstatfs, fstatfs64
-    Mmap,     // mmap, mmap64
-    Munmap,   // fails after unmapping
-    Chmod,
-    Fchmod,
-    Chown,  // chown, lchown
-    Fchown,
-    Rename,  // rename, renameat, renameat2
-    Unlink,  // unlink, unlinkat
-    System,
-    Fork,
-    Execlp,
-    Waitpid,
-    Time,
-};
+// Each stands for the family of symbols a compiler may emit for it:
+//   fopen: fopen, fopen64          fwrite: fwrite, fputs, fputc (GCC turns one into another)
+//   fseek: fseek, fseeko(64)       ftell: ftell, ftello(64)
+//   open: open(64), openat(64)     write: write, pwrite(64)
+//   stat, lstat, fstat, fstatfs, mmap: and their 64-bit forms
+//   chown: chown, lchown           rename: rename, renameat(2)      unlink: unlink, unlinkat
+// fclose, close and munmap fail after giving their resource back.
+// clang-format off
+#define BRASK_TEST_CALLS(X)                                                                   \
+    X(Fopen, fopen) X(Fclose, fclose) X(Fflush, fflush) X(Fread, fread) X(Fwrite, fwrite)     \
+    X(Fseek, fseek) X(Ftell, ftell) X(Fileno, fileno) X(Fscanf, fscanf) X(Open, open)         \
+    X(Close, close) X(Write, write) X(Fsync, fsync) X(Fdatasync, fdatasync) X(Syncfs, syncfs) \
+    X(Stat, stat) X(Lstat, lstat) X(Fstat, fstat) X(Fstatfs, fstatfs) X(Mmap, mmap)           \
+    X(Munmap, munmap) X(Chmod, chmod) X(Fchmod, fchmod) X(Chown, chown) X(Fchown, fchown)     \
+    X(Rename, rename) X(Unlink, unlink) X(System, system) X(Fork, fork) X(Execlp, execlp)     \
+    X(Waitpid, waitpid) X(Time, time)
+// clang-format on
+#define BRASK_TEST_CALL_ENUM(value, name) value,
+enum class Call { BRASK_TEST_CALLS(BRASK_TEST_CALL_ENUM) };
+#undef BRASK_TEST_CALL_ENUM
 const char* callName(Call call);
 
 // While alive, the nth call of `call` that matches `prefix` and the
