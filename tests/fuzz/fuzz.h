@@ -1,4 +1,5 @@
-// What the fuzz targets share: the sandbox entry of those that run library
+// What the fuzz targets share, each of them in the library's namespace: the
+// headers most of them use, the sandbox entry of those that run library
 // code on files (the suites' reset, support/sandbox.h), their output taken
 // away, and the soundness of a Get Backup/Restore Event answer.  Invariants
 // are asserts (kept in every build of the targets): libFuzzer records the
@@ -10,28 +11,29 @@
 #include <algorithm>
 #include <cassert>
 #include <cstring>
-#include <filesystem>
+#include <memory>
 
+#include "BraskSvf/hostPlatformControl.h"
+#include "BraskSvf/svfApi.h"
 #include "archive/format.h"
 #include "command/eventSlots.h"
+#include "common/paths.h"
 #include "support/builders.h"
 #include "support/sandbox.h"
 #include "support/scenario.h"
 #include "support/transcript.h"
+#include "support/tree.h"
 
 namespace brask::fuzz {
 
-// Re-executes the target inside the sandbox with the build's fuzz work folder
-// (corpora, artifacts) writable; inside, /conf and /var are tmpfs mounts (a
-// truncating rewrite on a disk costs a flush per input), reset like a test
-// case's.  For LLVMFuzzerInitialize.
+// Re-executes the target inside the sandbox with the build's fuzz work
+// folder (corpora, artifacts; scripts/fuzz makes it) writable; inside, /conf
+// and /var are tmpfs mounts (a truncating rewrite on a disk costs a flush per
+// input), reset like a test case's.  For LLVMFuzzerInitialize.
 inline int enterSandbox(int* argc, char*** argv) {
-    if (!sandbox::insideSandbox()) std::filesystem::create_directories(BRASK_FUZZ_WORK_DIR);
     sandbox::enterSandbox(*argc, *argv, {.readWritePaths = {BRASK_FUZZ_WORK_DIR}});
-    for (const char* dir : {"/conf", "/var"}) {
-        const int mounted = ::mount("fuzz", dir, "tmpfs", MS_NOSUID | MS_NODEV, "size=256m,mode=0755");
-        assert(mounted == 0);
-    }
+    for (const char* dir : {"/conf", "/var"})
+        assert(::mount("fuzz", dir, "tmpfs", MS_NOSUID | MS_NODEV, "size=256m,mode=0755") == 0);
     test::resetState();
     return 0;
 }
@@ -63,3 +65,5 @@ inline void checkEventAnswer(const svfSemiVol_T& svf, const INT8U* res, int leng
 }
 
 }  // namespace brask::fuzz
+
+using namespace brask;  // each target is a file of its own

@@ -3,8 +3,6 @@
 // names stay below 152 bytes and each entry moves the walk forward.
 #include "fuzz.h"
 
-using namespace brask;
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const format::Bytes block(data, size);
     format::ArchiveEntryWalk walk(block);

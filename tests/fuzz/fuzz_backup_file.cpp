@@ -4,7 +4,6 @@
 // area as the reader does.
 #include "fuzz.h"
 
-using namespace brask;
 using format::Status;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -5,10 +5,7 @@
 //
 // Input: [split, 2 bytes LE][active file...][backup copy...]; the split is
 // taken modulo the room there is.
-#include "BraskSvf/svfApi.h"
 #include "fuzz.h"
-
-using namespace brask;
 
 // The verdict, in range; both handles stay the caller's and usable.
 static int compare(const char* active, const char* backup) {

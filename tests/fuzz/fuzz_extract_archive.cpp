@@ -7,30 +7,19 @@
 // Input: [flags][block...].  flags bits 0-1: BlockNum; bit 2: maintenance
 // mode; bit 3: keep the block's checksum as given (otherwise it is fixed so
 // that the block gets past the whole-file sum); bit 4: EFI catalogue.
-#include "BraskSvf/hostPlatformControl.h"
-#include "BraskSvf/svfApi.h"
 #include "archive/catalogue.h"
-#include "common/paths.h"
 #include "fuzz.h"
-#include "support/builders.h"
-#include "support/tree.h"
-
-using namespace brask;
-
-namespace {
 
 constexpr char kBlockFile[] = "/var/brask/BMC.bak-1";
-test::Tree* gBaseline = nullptr;
+static test::Tree* gBaseline = nullptr;
 
-test::Tree snapshot() { return test::snapshotTree({"/conf", "/var", "/tmp"}); }
+static test::Tree snapshot() { return test::snapshotTree({"/conf", "/var", "/tmp"}); }
 
-int extract(INT8U fwType, const test::Bytes& block, INT8U blockNum) {
+static int extract(INT8U fwType, const test::Bytes& block, INT8U blockNum) {
     test::writeBytes(kBlockFile, block);
     return fuzz::quietly(
         [&] { return svfExtractBraskArchive(fwType, const_cast<char*>(kBlockFile), blockNum); });
 }
-
-}  // namespace
 
 // One empty block first, so that whatever an extraction makes on first use
 // is part of the starting tree.
@@ -64,7 +53,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     assert(test::restoreTree(*gBaseline, changed) && test::changedPaths(*gBaseline, snapshot()).empty());
     hostResetFaults();
-    hostFruClearAccessLog();
-    hostResetCounters();
     return 0;
 }

@@ -5,20 +5,13 @@
 // is refused (result 1), the rest of the device keeps its bytes.
 //
 // Input: [flags][FRU backup file...]; flags bit 0: the device refuses writes.
-#include "BraskSvf/hostPlatformControl.h"
-#include "BraskSvf/svfApi.h"
-#include "common/paths.h"
 #include "fuzz.h"
-
-using namespace brask;
-
-namespace {
 
 constexpr std::size_t kHeaderSize = sizeof(SVF_BACKUP_FRUDAT_HEADER_T), kPiece = 255;
 constexpr INT32U kMaxAreaSize = 65535;
-test::Bytes gImage;  // the device as every input finds it
+static test::Bytes gImage;  // the device as every input finds it
 
-test::Bytes deviceImage() {
+static test::Bytes deviceImage() {
     test::Bytes image(kMaxAreaSize + 1);
     const int n = hostFruReadImage(image.data(), INT32U(image.size()));
     assert(n >= 0 && std::size_t(n) <= image.size());
@@ -27,7 +20,7 @@ test::Bytes deviceImage() {
 }
 
 // The result and device image a restore of `file` must give.
-INT8S expectedRestore(const std::uint8_t* file, std::size_t size, bool refused, test::Bytes& image) {
+static INT8S expectedRestore(const std::uint8_t* file, std::size_t size, bool refused, test::Bytes& image) {
     INT32U stored = 0;
     if (!format::ByteCursor(format::Bytes(file, size)).u32(stored) || size < kHeaderSize ||
         stored > kMaxAreaSize || size - kHeaderSize < stored)
@@ -42,12 +35,11 @@ INT8S expectedRestore(const std::uint8_t* file, std::size_t size, bool refused, 
     return 0;
 }
 
-}  // namespace
-
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
     fuzz::enterSandbox(argc, argv);
     gImage = deviceImage();
-    return gImage.empty();
+    assert(!gImage.empty());
+    return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -60,7 +52,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     assert(deviceImage() == expectedImage);
     if (expectedImage != gImage) assert(hostFruWriteImage(gImage.data(), INT32U(gImage.size())) == 0);
     hostResetFaults();
-    hostFruClearAccessLog();
-    hostResetCounters();
     return 0;
 }

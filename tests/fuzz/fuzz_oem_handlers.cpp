@@ -12,20 +12,13 @@
 // restore that gets that far fails at once instead of running for real (the
 // integration tests run those).
 #include <cerrno>
-#include <memory>
 
-#include "BraskSvf/hostPlatformControl.h"
-#include "BraskSvf/svfApi.h"
 #include "fuzz.h"
-
-using namespace brask;
-
-namespace {
 
 // Completion code and SEL entries of Set Backup Event (handler 1) and Execute
 // Restore Event (2) as the commands' tables of outcomes say.
-std::pair<INT8U, test::Bytes> expected(unsigned handler, std::size_t reqLen, INT8U fileType, INT8U function,
-                                       bool any, bool countdown, INT8U fwUpdate) {
+static std::pair<INT8U, test::Bytes> expected(unsigned handler, std::size_t reqLen, INT8U fileType,
+                                              INT8U function, bool any, bool countdown, INT8U fwUpdate) {
     const unsigned slot = handler == 1 ? slotIndex(EventKind::Backup, BMC_WEB_CONSOLE, BMC_FILE)
                                        : slotIndex(EventKind::Restore, function, fileType);
     const INT8U generated = selEventCode(slot, SEL_CLASS_GENERATED),
@@ -49,8 +42,6 @@ std::pair<INT8U, test::Bytes> expected(unsigned handler, std::size_t reqLen, INT
     if (fwUpdate >= 1 && fwUpdate <= 8) return {0x80, {generated}};
     return {0x88, {generated, failed}};
 }
-
-}  // namespace
 
 // The trace file exists from then on, so no query has to make it.
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
@@ -96,6 +87,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     assert(std::memcmp(&gRestoreType, &restoreBefore, sizeof restoreBefore) == 0);
     assert(gKillProcessAfterFileChkTimer == ((data[1] & 2) != 0 ? 3 : 0));
     hostResetFaults();
-    hostResetCounters();
     return 0;
 }

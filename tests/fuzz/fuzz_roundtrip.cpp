@@ -5,24 +5,20 @@
 // zero-padded when short; the entry is then decoded from a block built
 // around it with its offset and size folded into what the payload holds.
 #include "fuzz.h"
-#include "support/builders.h"
 
-using namespace brask;
 using format::Status;
-
-namespace {
 
 constexpr std::size_t kEntryAt = format::kArchiveHeaderSize;
 constexpr std::size_t kBackupAt = kEntryAt + format::kArchiveEntryInfoSize;
 constexpr std::size_t kPayloadAt = kBackupAt + format::kBackupHeaderSize + format::kBlockInfoSize;
 
 template <class Encoded>
-bool encodesTo(const Encoded& encoded, const std::uint8_t* raw) {
+static bool encodesTo(const Encoded& encoded, const std::uint8_t* raw) {
     return std::equal(encoded.begin(), encoded.end(), raw);
 }
 
 // A negative FileSize is kept to check that it is refused.
-void archiveEntry(const std::uint8_t* rawInfo, format::Bytes payload) {
+static void archiveEntry(const std::uint8_t* rawInfo, format::Bytes payload) {
     svfBraskArchiveEntryInfo_T info{};
     format::ByteCursor in(format::Bytes(rawInfo, format::kArchiveEntryInfoSize));
     assert(in.u32(info.FileOffset) && in.i32(info.FileSize) && in.u32(info.FileUid) && in.u32(info.FileGid) &&
@@ -54,8 +50,6 @@ void archiveEntry(const std::uint8_t* rawInfo, format::Bytes payload) {
             entry.data.data() == block.data() + info.FileOffset &&
             encodesTo(format::encodeArchiveEntryInfo(entry.info), block.data() + kEntryAt)));
 }
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     test::Bytes fixed(kPayloadAt);

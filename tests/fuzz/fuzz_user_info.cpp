@@ -4,16 +4,9 @@
 // record against a plain model of the file layout, and runs
 // svfChkBmcUserInfoDiff on it: the record as read, taken as the backup copy,
 // must compare equal.
-#include <memory>
 
-#include "BraskSvf/svfApi.h"
 #include "archive/comparers.h"
-#include "common/paths.h"
 #include "fuzz.h"
-
-using namespace brask;
-
-namespace {
 
 constexpr std::size_t kInfoHeaderSize = sizeof(bumInfoHeader_t),
                       kAttrHeaderSize = sizeof(bumUserAttr_t::header);
@@ -21,7 +14,7 @@ constexpr std::size_t kInfoHeaderSize = sizeof(bumInfoHeader_t),
 // The record a sound file reads into: the info header (users capped at 12),
 // then each record's bytes from the start of its slot.  False when the file
 // is not sound: a record cut short, or a length outside 5..60.
-bool expectedRecord(const std::uint8_t* data, std::size_t size, bumUserInfo_t& out) {
+static bool expectedRecord(const std::uint8_t* data, std::size_t size, bumUserInfo_t& out) {
     std::memset(&out, 0, sizeof out);
     if (size < kInfoHeaderSize) return false;
     std::memcpy(&out.header, data, kInfoHeaderSize);
@@ -36,7 +29,7 @@ bool expectedRecord(const std::uint8_t* data, std::size_t size, bumUserInfo_t& o
 }
 
 // The verdict on `image` as the backup copy: a sound one, -2 only when short.
-int compareWith(const std::uint8_t* image, std::size_t size) {
+static int compareWith(const std::uint8_t* image, std::size_t size) {
     test::writeBytes("/tmp/backup", {image, image + size});
     FILE* bak = std::fopen("/tmp/backup", "rb");
     const int result = fuzz::quietly([&] { return svfChkBmcUserInfoDiff(bak); });
@@ -44,8 +37,6 @@ int compareWith(const std::uint8_t* image, std::size_t size) {
     assert((result == -2) == (size < sizeof(bumUserInfo_t)));
     return result;
 }
-
-}  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) { return fuzz::enterSandbox(argc, argv); }
 
