@@ -1,10 +1,9 @@
 // What would let a library test pass wrongly if it broke: isolation from the
-// host (hostCheck.sh looks from the host side), a fresh BMC for every case,
-// locks that exclude between processes, fault controls that fail exactly the
-// call they name, and the crash points and write counts tests rely on.
+// host, locks that exclude between processes, fault controls that fail
+// exactly the call they name, and the crash points and write counts tests
+// rely on.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/sem.h>
 #include <sys/wait.h>
 
 #include "BraskSvf/hostPlatformControl.h"
@@ -14,7 +13,6 @@
 #include "support/sandbox.h"
 #include "support/scenario.h"
 #include "support/transcript.h"
-#include "support/tree.h"
 
 namespace brask::test {
 namespace {
@@ -25,30 +23,12 @@ std::string marker(const std::string& dir) {
     return dir + "/" + (t != nullptr ? t : "sandbox-marker");
 }
 
-// The first case leaves every kind of state behind, the runner's reset takes
-// it all away before the next, following no link out of /conf and /var.
-TEST(Sandbox, CaseLeavesStateBehind) {
+// What is written here never reaches the host (hostCheck.sh looks there),
+// the host's trees cannot be written, services and reboot only log, and pids,
+// network and host name are the sandbox's own.
+TEST(Sandbox, HostTreesAreReadOnlyServicesOnlyLogNamespacesArePrivate) {
     for (const char* dir : {"/conf", "/var", "/conf/brask", "/var/brask", "/tmp"})
         writeFile(marker(dir), "x");
-    writeFile("/tmp/kept/kept", "kept");
-    ASSERT_EQ(::symlink("/tmp/kept", "/var/brask/link"), 0);
-    ASSERT_GE(::semget(0x5eed, 1, IPC_CREAT | 0600), 0);
-    ASSERT_EQ(hslAddSEL(0, 0x80, 0x11), 0);
-    ASSERT_EQ(hostFailCall("hslAddSEL", 0, 1000, EIO), 0);
-    setFwInfo("FW_VERSION=9.99\n");
-    ASSERT_EQ(std::system("reboot"), 0);
-}
-
-TEST(Sandbox, NextCaseStartsFromTheStartingTree) {
-    EXPECT_EQ(changedPaths({}, snapshotTree({"/conf", "/var/brask", "/var/log"})),
-              (std::vector<std::string>{"/conf", "/conf/BMC1", "/conf/brask", "/var/brask", "/var/log"}));
-    EXPECT_EQ(readFile("/tmp/kept/kept"), exists("/tmp/kept") ? "kept" : "");
-    EXPECT_EQ(commandLog() + readFile(kFwInfoFile), "FW_VERSION=2.17\n");
-    EXPECT_EQ(std::pair(::semget(0x5eed, 1, 0), hostSelRead(nullptr, 0)), std::pair(-1, 0));
-    EXPECT_EQ(hslAddSEL(0, 0x80, 0x11), 0) << "a fault armed by the last case";
-}
-
-TEST(Sandbox, HostTreesAreReadOnlyServicesOnlyLogNamespacesArePrivate) {
     for (const char* dir :
          {"/usr", "/etc/init.d", "/sandbox/bin", BRASK_TEST_BINARY_DIR, BRASK_TEST_SOURCE_DIR}) {
         const int fd = ::open(marker(dir).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
@@ -56,11 +36,9 @@ TEST(Sandbox, HostTreesAreReadOnlyServicesOnlyLogNamespacesArePrivate) {
     }
     EXPECT_EQ(std::system("/etc/init.d/kvm_servers stop && /etc/init.d/ssh && reboot -f now"), 0);
     EXPECT_EQ(commandLog(), "kvm_servers stop\nssh\nreboot -f now\n");
-    EXPECT_EQ(std::system("test \"$(command -v reboot)\" = /sandbox/bin/reboot"), 0);
-    // Pids, network (only lo) and host name are the sandbox's own.
     EXPECT_EQ(readFile("/run/realproc/1/comm") + readFile("/proc/sys/kernel/hostname"),
               "bwrap\nbmc-sandbox\n");
-    EXPECT_EQ(lines(readFile("/proc/self/net/dev")).size(), 3u);
+    EXPECT_EQ(lines(readFile("/proc/self/net/dev")).size(), 3u) << "only lo";
     // Owner checks skip without chown: it must work wherever ids map one to one.
     EXPECT_EQ(canChown(), readFile("/proc/self/uid_map").find("4294967295") != std::string::npos);
 }
@@ -146,23 +124,20 @@ TEST(Sandbox, FailCallFailsTheLibrarysNthMatchingCall) {
     std::fclose(fp);
 }
 
-// Ended before the k-th write-like call, not after it: before the first the
-// file does not exist, before the second it is still empty.  The counter
+// Ended before the k-th write-like call, not after it: before the second
+// (the write after the open) the file is there and still empty.  The counter
 // sees only the calls under its prefix, and a rename of bytes that reached
 // the kernel after the fsync (at fclose) as a violation.
 TEST(Sandbox, WriteLikeCallsAreCrashedBeforeAndCounted) {
-    for (int k : {1, 2}) {
-        std::remove("/conf/crash");
-        if (::fork() == 0) {
-            crashBefore(k, "/conf/");
-            ::_exit(::write(::open("/conf/crash", O_WRONLY | O_CREAT, 0644), "data", 4) == 4 ? 0 : 1);
-        }
-        int status = 0;
-        ::wait(&status);
-        EXPECT_EQ(std::tuple(WIFEXITED(status) ? WEXITSTATUS(status) : -1, exists("/conf/crash"),
-                             readFile("/conf/crash")),
-                  std::tuple(kCrashStatus, k == 2, std::string()));
+    if (::fork() == 0) {
+        crashBefore(2, "/conf/");
+        ::_exit(::write(::open("/conf/crash", O_WRONLY | O_CREAT, 0644), "data", 4) == 4 ? 0 : 1);
     }
+    int status = 0;
+    ::wait(&status);
+    EXPECT_EQ(std::tuple(WIFEXITED(status) ? WEXITSTATUS(status) : -1, exists("/conf/crash"),
+                         readFile("/conf/crash")),
+              std::tuple(kCrashStatus, true, std::string()));
     WriteLikeCounter counter("/conf/");
     FILE* fp = std::fopen("/conf/s.tmp", "w");
     std::fputs("s", fp);
