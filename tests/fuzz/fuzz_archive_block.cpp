@@ -3,26 +3,24 @@
 // names stay below 152 bytes and each entry moves the walk forward.
 #include "fuzz.h"
 
-using namespace brask;
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const format::Bytes block(data, size);
     format::ArchiveEntryWalk walk(block);
-    FUZZ_CHECK(walk.headerOk() == (size >= format::kArchiveHeaderSize));
+    assert(walk.headerOk() == (size >= format::kArchiveHeaderSize));
     std::size_t offset = format::kArchiveHeaderSize;
     for (format::ArchiveEntry entry; walk.next(entry); offset = entry.nextOffset) {
         // Name and data are spans of the block itself, at their offsets.
-        FUZZ_CHECK(entry.entryOffset == offset && entry.name.size() < SVF_FILE_PASS_SIZE);
-        FUZZ_CHECK(entry.name.data() ==
-                   reinterpret_cast<const char*>(data) + offset + format::kArchiveEntryInfoSize);
-        FUZZ_CHECK(entry.data.data() == data + entry.info.FileOffset);
-        FUZZ_CHECK(entry.info.FileSize >= 0 && entry.data.size() == std::size_t(entry.info.FileSize));
+        assert(entry.entryOffset == offset && entry.name.size() < SVF_FILE_PASS_SIZE);
+        assert(entry.name.data() ==
+               reinterpret_cast<const char*>(data) + offset + format::kArchiveEntryInfoSize);
+        assert(entry.data.data() == data + entry.info.FileOffset);
+        assert(entry.info.FileSize >= 0 && entry.data.size() == std::size_t(entry.info.FileSize));
         // The name sits between the descriptor and the data, the data ends
         // where the next entry starts.
-        FUZZ_CHECK(entry.info.FileOffset == offset + format::kArchiveEntryInfoSize + entry.name.size());
-        FUZZ_CHECK(entry.nextOffset == entry.info.FileOffset + entry.data.size());
-        FUZZ_CHECK(entry.nextOffset > entry.entryOffset && entry.nextOffset <= size);
+        assert(entry.info.FileOffset == offset + format::kArchiveEntryInfoSize + entry.name.size());
+        assert(entry.nextOffset == entry.info.FileOffset + entry.data.size());
+        assert(entry.nextOffset > entry.entryOffset && entry.nextOffset <= size);
     }
-    FUZZ_CHECK(walk.offset() == offset);
+    assert(walk.offset() == offset);
     return 0;
 }

@@ -4,35 +4,34 @@
 // area as the reader does.
 #include "fuzz.h"
 
-using namespace brask;
 using format::Status;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const format::Bytes file(data, size);
     svfBraskBackupFileHeader_T header{};
     const bool decoded = format::decodeBackupHeader(file, header) == Status::Ok;
-    FUZZ_CHECK(decoded == (size >= format::kBackupHeaderSize));
+    assert(decoded == (size >= format::kBackupHeaderSize));
     if (!decoded) return 0;
     format::Bytes area;
     if (format::headerAreaBytes(file, header, area) == Status::Ok) {
         const std::uint32_t sum = format::wordSum(area);
-        FUZZ_CHECK(std::uint32_t(sum + format::zeroSumComplement(sum)) == 0);
+        assert(std::uint32_t(sum + format::zeroSumComplement(sum)) == 0);
     }
     for (unsigned i = 0; i < header.NumOfBlock; ++i) {
         svfBraskBackupFileBlockInfo_T info{};
         if (format::decodeBlockInfo(file, i, info) != Status::Ok) {
-            FUZZ_CHECK(format::kBackupHeaderSize + format::kBlockInfoSize * (i + 1) > size);
+            assert(format::kBackupHeaderSize + format::kBlockInfoSize * (i + 1) > size);
             break;
         }
         format::Bytes block;
         const Status located = format::blockBytes(file, info, block);
         const std::size_t end = std::size_t{info.BlockOffset} + std::size_t(std::max(info.BlockSize, 0));
-        FUZZ_CHECK(located == (info.BlockSize < 0 ? Status::NegativeSize
-                               : end > size       ? Status::DataPastEnd
-                                                  : Status::Ok));
+        assert(located == (info.BlockSize < 0 ? Status::NegativeSize
+                           : end > size       ? Status::DataPastEnd
+                                              : Status::Ok));
         // Located: the span of the file the descriptor names, inside it.
-        FUZZ_CHECK(located != Status::Ok ||
-                   (block.data() == data + info.BlockOffset && block.size() == std::size_t(info.BlockSize)));
+        assert(located != Status::Ok ||
+               (block.data() == data + info.BlockOffset && block.size() == std::size_t(info.BlockSize)));
     }
     return 0;
 }

@@ -7,35 +7,29 @@
 // Input: [flags][block...].  flags bits 0-1: BlockNum; bit 2: maintenance
 // mode; bit 3: keep the block's checksum as given (otherwise it is fixed so
 // that the block gets past the whole-file sum); bit 4: EFI catalogue.
-#include "BraskSvf/hostPlatformControl.h"
-#include "BraskSvf/svfApi.h"
 #include "archive/catalogue.h"
-#include "common/paths.h"
 #include "fuzz.h"
-#include "support/builders.h"
-#include "support/tree.h"
-
-using namespace brask;
-
-namespace {
 
 constexpr char kBlockFile[] = "/var/brask/BMC.bak-1";
-test::Tree* gBaseline = nullptr;
+static test::Tree* gBaseline = nullptr;
 
-test::Tree snapshot() { return test::snapshotTree({"/conf", "/var", "/tmp"}); }
+static test::Tree snapshot() { return test::snapshotTree({"/conf", "/var", "/tmp"}); }
 
-int extract(INT8U fwType, const test::Bytes& block, INT8U blockNum) {
+static int extract(INT8U fwType, const test::Bytes& block, INT8U blockNum) {
     test::writeBytes(kBlockFile, block);
     return fuzz::quietly(
         [&] { return svfExtractBraskArchive(fwType, const_cast<char*>(kBlockFile), blockNum); });
 }
 
-}  // namespace
-
 // One empty block first, so that whatever an extraction makes on first use
 // is part of the starting tree.
-FUZZ_SANDBOXED((void)test::populateConf(); (void)extract(BMC_FILE, test::block({}), 1);
-               gBaseline = new test::Tree(snapshot()))
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
+    fuzz::enterSandbox(argc, argv);
+    (void)test::populateConf();
+    (void)extract(BMC_FILE, test::block({}), 1);
+    gBaseline = new test::Tree(snapshot());
+    return 0;
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     if (size == 0) return 0;
@@ -44,7 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if ((data[0] & 8) == 0) test::sealBlock(block);
     if ((data[0] & 4) != 0) hostSetMaintenanceMode(1);
     const int descriptors = test::openDescriptorCount(), result = extract(fwType, block, INT8U(data[0] & 3));
-    FUZZ_CHECK((result == 0 || result == -1) && test::openDescriptorCount() == descriptors);
+    assert((result == 0 || result == -1) && test::openDescriptorCount() == descriptors);
 
     // What an extraction may touch: the active paths of the chosen catalogue,
     // the capability record it writes back, the device images behind the FRU
@@ -54,12 +48,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const bool mayChange = path == kBlockFile || path == paths::kCapabilityFile ||
                                (path + "/").rfind(HOST_STATE_DIR "/", 0) == 0 ||
                                catalogue::find(catalogue::select(fwType), path) != nullptr;
-        if (!mayChange) ::dprintf(fuzz::kReportFd, "extraction touched %s\n", path.c_str());
-        FUZZ_CHECK(mayChange);
+        if (!mayChange) std::fprintf(stderr, "extraction touched %s\n", path.c_str());
+        assert(mayChange);
     }
-    FUZZ_CHECK(test::restoreTree(*gBaseline, changed) && test::changedPaths(*gBaseline, snapshot()).empty());
+    assert(test::restoreTree(*gBaseline, changed) && test::changedPaths(*gBaseline, snapshot()).empty());
     hostResetFaults();
-    hostFruClearAccessLog();
-    hostResetCounters();
     return 0;
 }

@@ -5,34 +5,26 @@
 // is refused (result 1), the rest of the device keeps its bytes.
 //
 // Input: [flags][FRU backup file...]; flags bit 0: the device refuses writes.
-#include "BraskSvf/hostPlatformControl.h"
-#include "BraskSvf/svfApi.h"
-#include "common/paths.h"
 #include "fuzz.h"
-
-using namespace brask;
-
-namespace {
 
 constexpr std::size_t kHeaderSize = sizeof(SVF_BACKUP_FRUDAT_HEADER_T), kPiece = 255;
 constexpr INT32U kMaxAreaSize = 65535;
-test::Bytes gImage;  // the device as every input finds it
+static test::Bytes gImage;  // the device as every input finds it
 
-test::Bytes deviceImage() {
+static test::Bytes deviceImage() {
     test::Bytes image(kMaxAreaSize + 1);
     const int n = hostFruReadImage(image.data(), INT32U(image.size()));
-    FUZZ_CHECK(n >= 0 && std::size_t(n) <= image.size());
+    assert(n >= 0 && std::size_t(n) <= image.size());
     image.resize(std::size_t(n));
     return image;
 }
 
 // The result and device image a restore of `file` must give.
-INT8S expectedRestore(const std::uint8_t* file, std::size_t size, bool refused, test::Bytes& image) {
+static INT8S expectedRestore(const std::uint8_t* file, std::size_t size, bool refused, test::Bytes& image) {
     INT32U stored = 0;
     if (!format::ByteCursor(format::Bytes(file, size)).u32(stored) || size < kHeaderSize ||
-        stored > kMaxAreaSize || size - kHeaderSize < stored) {
+        stored > kMaxAreaSize || size - kHeaderSize < stored)
         return INT8S(0xC0);
-    }
     const std::uint8_t* data = file + kHeaderSize;
     const std::size_t length = std::size_t(std::find(data, data + stored, 0xFF) - data);
     for (std::size_t at = 0; at < length; at += kPiece) {
@@ -43,9 +35,12 @@ INT8S expectedRestore(const std::uint8_t* file, std::size_t size, bool refused, 
     return 0;
 }
 
-}  // namespace
-
-FUZZ_SANDBOXED(gImage = deviceImage(); FUZZ_CHECK(!gImage.empty()))
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
+    fuzz::enterSandbox(argc, argv);
+    gImage = deviceImage();
+    assert(!gImage.empty());
+    return 0;
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     if (size == 0) return 0;
@@ -53,11 +48,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if ((data[0] & 1) != 0) hostFruRefuseWrites(0xD5);
     const INT8S result = fuzz::quietly(svfRestoreFRU);
     test::Bytes expectedImage = gImage;
-    FUZZ_CHECK(result == expectedRestore(data + 1, size - 1, (data[0] & 1) != 0, expectedImage));
-    FUZZ_CHECK(deviceImage() == expectedImage);
-    if (expectedImage != gImage) FUZZ_CHECK(hostFruWriteImage(gImage.data(), INT32U(gImage.size())) == 0);
+    assert(result == expectedRestore(data + 1, size - 1, (data[0] & 1) != 0, expectedImage));
+    assert(deviceImage() == expectedImage);
+    if (expectedImage != gImage) assert(hostFruWriteImage(gImage.data(), INT32U(gImage.size())) == 0);
     hostResetFaults();
-    hostFruClearAccessLog();
-    hostResetCounters();
     return 0;
 }

@@ -12,20 +12,13 @@
 // restore that gets that far fails at once instead of running for real (the
 // integration tests run those).
 #include <cerrno>
-#include <memory>
 
-#include "BraskSvf/hostPlatformControl.h"
-#include "BraskSvf/svfApi.h"
 #include "fuzz.h"
-
-using namespace brask;
-
-namespace {
 
 // Completion code and SEL entries of Set Backup Event (handler 1) and Execute
 // Restore Event (2) as the commands' tables of outcomes say.
-std::pair<INT8U, test::Bytes> expected(unsigned handler, std::size_t reqLen, INT8U fileType, INT8U function,
-                                       bool any, bool countdown, INT8U fwUpdate) {
+static std::pair<INT8U, test::Bytes> expected(unsigned handler, std::size_t reqLen, INT8U fileType,
+                                              INT8U function, bool any, bool countdown, INT8U fwUpdate) {
     const unsigned slot = handler == 1 ? slotIndex(EventKind::Backup, BMC_WEB_CONSOLE, BMC_FILE)
                                        : slotIndex(EventKind::Restore, function, fileType);
     const INT8U generated = selEventCode(slot, SEL_CLASS_GENERATED),
@@ -50,26 +43,26 @@ std::pair<INT8U, test::Bytes> expected(unsigned handler, std::size_t reqLen, INT
     return {0x88, {generated, failed}};
 }
 
-}  // namespace
-
 // The trace file exists from then on, so no query has to make it.
-FUZZ_SANDBOXED(INT8U res[8]; (void)fuzz::quietly([&] { return svfGetBackupRestoreEvent(nullptr, 0, res); }))
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
+    fuzz::enterSandbox(argc, argv);
+    INT8U res[8];
+    (void)fuzz::quietly([&] { return svfGetBackupRestoreEvent(nullptr, 0, res); });
+    return 0;
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     constexpr std::size_t kPrefix = 2 + SVF_EVENT_SLOT_COUNT;
     if (size < kPrefix) return 0;
     const unsigned handler = data[0] % 3;
     const std::size_t reqLen = std::min<std::size_t>(size - kPrefix, 255), resLen = handler == 0 ? 8 : 1;
-    hslSemiVolatileArea_T area{};
-    FUZZ_CHECK(hostSemiVolRead(&area) == 0);
     svfSemiVol_T svf{};
-    std::memcpy(svf.svfStatusList, data + 2, SVF_EVENT_SLOT_COUNT);
-    area.svf = svf;
-    FUZZ_CHECK(hostSemiVolWrite(&area) == 0);
+    for (unsigned i = 0; i < SVF_EVENT_SLOT_COUNT; ++i)
+        test::setStatusByte(i, svf.svfStatusList[i] = data[2 + i]);
     gRebootAfterRestoreTimer = (data[1] & 1) != 0 ? 30 : 0;
     gKillProcessAfterFileChkTimer = (data[1] & 2) != 0 ? 3 : 0;
     hostSetFwUpdateState(INT8U(data[1] >> 4));
-    FUZZ_CHECK(hostSelClear() == 0 && hostFailCall("hslAcquireSysvSemaphore", 0, 1, EAGAIN) == 0);
+    assert(hostSelClear() == 0 && hostFailCall("hslAcquireSysvSemaphore", 0, 1, EAGAIN) == 0);
     const svfRestoreType_T restoreBefore = gRestoreType;
 
     const std::unique_ptr<INT8U[]> req(new INT8U[reqLen]), res(new INT8U[resLen]);
@@ -82,18 +75,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     });
     const test::Bytes sel = test::selEvents();
     if (handler == 0 && reqLen == 0) fuzz::checkEventAnswer(svf, res.get(), length);
-    FUZZ_CHECK(
-        handler != 0 || reqLen == 0 ||
-        (length == 1 && res[0] == 0xC7 && std::all_of(&res[1], &res[8], [](INT8U b) { return b == 0; })));
-    FUZZ_CHECK(handler == 0 ? sel.empty() : length == 1);
-    FUZZ_CHECK(handler == 0 ||
-               std::pair(res[0], sel) == expected(handler, reqLen, reqLen > 0 ? data[kPrefix] : 0,
-                                                  reqLen > 1 ? data[kPrefix + 1] : 0, fuzz::anyEvent(svf),
-                                                  (data[1] & 3) != 0, INT8U(data[1] >> 4)));
-    FUZZ_CHECK(hostSemiVolRead(&area) == 0 && std::memcmp(&area.svf, &svf, sizeof svf) == 0);
-    FUZZ_CHECK(std::memcmp(&gRestoreType, &restoreBefore, sizeof restoreBefore) == 0);
-    FUZZ_CHECK(gKillProcessAfterFileChkTimer == ((data[1] & 2) != 0 ? 3 : 0));
+    assert(handler != 0 || reqLen == 0 ||
+           (length == 1 && res[0] == 0xC7 && std::all_of(&res[1], &res[8], [](INT8U b) { return b == 0; })));
+    assert(handler == 0 ? sel.empty() : length == 1);
+    assert(handler == 0 ||
+           std::pair(res[0], sel) == expected(handler, reqLen, reqLen > 0 ? data[kPrefix] : 0,
+                                              reqLen > 1 ? data[kPrefix + 1] : 0, fuzz::anyEvent(svf),
+                                              (data[1] & 3) != 0, INT8U(data[1] >> 4)));
+    hslSemiVolatileArea_T area{};
+    assert(hostSemiVolRead(&area) == 0 && std::memcmp(&area.svf, &svf, sizeof svf) == 0);
+    assert(std::memcmp(&gRestoreType, &restoreBefore, sizeof restoreBefore) == 0);
+    assert(gKillProcessAfterFileChkTimer == ((data[1] & 2) != 0 ? 3 : 0));
     hostResetFaults();
-    hostResetCounters();
     return 0;
 }

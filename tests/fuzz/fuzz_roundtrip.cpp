@@ -5,29 +5,25 @@
 // zero-padded when short; the entry is then decoded from a block built
 // around it with its offset and size folded into what the payload holds.
 #include "fuzz.h"
-#include "support/builders.h"
 
-using namespace brask;
 using format::Status;
-
-namespace {
 
 constexpr std::size_t kEntryAt = format::kArchiveHeaderSize;
 constexpr std::size_t kBackupAt = kEntryAt + format::kArchiveEntryInfoSize;
 constexpr std::size_t kPayloadAt = kBackupAt + format::kBackupHeaderSize + format::kBlockInfoSize;
 
 template <class Encoded>
-bool encodesTo(const Encoded& encoded, const std::uint8_t* raw) {
+static bool encodesTo(const Encoded& encoded, const std::uint8_t* raw) {
     return std::equal(encoded.begin(), encoded.end(), raw);
 }
 
 // A negative FileSize is kept to check that it is refused.
-void archiveEntry(const std::uint8_t* rawInfo, format::Bytes payload) {
+static void archiveEntry(const std::uint8_t* rawInfo, format::Bytes payload) {
     svfBraskArchiveEntryInfo_T info{};
     format::ByteCursor in(format::Bytes(rawInfo, format::kArchiveEntryInfoSize));
-    FUZZ_CHECK(in.u32(info.FileOffset) && in.i32(info.FileSize) && in.u32(info.FileUid) &&
-               in.u32(info.FileGid) && in.u32(info.FilePermission));
-    FUZZ_CHECK(encodesTo(format::encodeArchiveEntryInfo(info), rawInfo));
+    assert(in.u32(info.FileOffset) && in.i32(info.FileSize) && in.u32(info.FileUid) && in.u32(info.FileGid) &&
+           in.u32(info.FilePermission));
+    assert(encodesTo(format::encodeArchiveEntryInfo(info), rawInfo));
 
     const std::size_t nameLength =
         std::min<std::size_t>(info.FileOffset % (format::kMaxStoredNameLength + 1), payload.size());
@@ -43,26 +39,24 @@ void archiveEntry(const std::uint8_t* rawInfo, format::Bytes payload) {
                       .uid = info.FileUid,
                       .gid = info.FileGid,
                       .fileSize = info.FileSize}});
-    FUZZ_CHECK(encodesTo(format::encodeArchiveEntryInfo(info), block.data() + kEntryAt));
+    assert(encodesTo(format::encodeArchiveEntryInfo(info), block.data() + kEntryAt));
     format::ArchiveEntry entry;
     const Status st = format::decodeArchiveEntry(block, kEntryAt, entry);
-    FUZZ_CHECK(st == (info.FileSize < 0 ? Status::NegativeSize : Status::Ok));
-    FUZZ_CHECK(st != Status::Ok ||
-               (entry.name.size() == nameLength &&
-                reinterpret_cast<const std::uint8_t*>(entry.name.data()) == block.data() + kBackupAt &&
-                entry.data.size() == std::size_t(info.FileSize) &&
-                entry.data.data() == block.data() + info.FileOffset &&
-                encodesTo(format::encodeArchiveEntryInfo(entry.info), block.data() + kEntryAt)));
+    assert(st == (info.FileSize < 0 ? Status::NegativeSize : Status::Ok));
+    assert(st != Status::Ok ||
+           (entry.name.size() == nameLength &&
+            reinterpret_cast<const std::uint8_t*>(entry.name.data()) == block.data() + kBackupAt &&
+            entry.data.size() == std::size_t(info.FileSize) &&
+            entry.data.data() == block.data() + info.FileOffset &&
+            encodesTo(format::encodeArchiveEntryInfo(entry.info), block.data() + kEntryAt)));
 }
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     test::Bytes fixed(kPayloadAt);
     std::copy_n(data, std::min(size, kPayloadAt), fixed.begin());
     svfBraskArchiveFileHeader_T archive{};
-    FUZZ_CHECK(format::decodeArchiveHeader(fixed, archive) == Status::Ok);
-    FUZZ_CHECK(encodesTo(format::encodeArchiveHeader(archive), fixed.data()));
+    assert(format::decodeArchiveHeader(fixed, archive) == Status::Ok);
+    assert(encodesTo(format::encodeArchiveHeader(archive), fixed.data()));
     archiveEntry(fixed.data() + kEntryAt,
                  size > kPayloadAt ? format::Bytes(data + kPayloadAt, size - kPayloadAt) : format::Bytes());
 
@@ -71,10 +65,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const format::Bytes file = format::Bytes(fixed).subspan(kBackupAt);
     svfBraskBackupFileHeader_T header{};
     svfBraskBackupFileBlockInfo_T info{}, beyond{};
-    FUZZ_CHECK(format::decodeBackupHeader(file, header) == Status::Ok &&
-               format::decodeBlockInfo(file, 0, info) == Status::Ok);
-    FUZZ_CHECK(format::decodeBlockInfo(file, 1, beyond) == Status::Truncated);
-    FUZZ_CHECK(encodesTo(format::encodeBackupHeader(header), file.data()) &&
-               encodesTo(format::encodeBlockInfo(info), file.data() + format::kBackupHeaderSize));
+    assert(format::decodeBackupHeader(file, header) == Status::Ok &&
+           format::decodeBlockInfo(file, 0, info) == Status::Ok);
+    assert(format::decodeBlockInfo(file, 1, beyond) == Status::Truncated);
+    assert(encodesTo(format::encodeBackupHeader(header), file.data()) &&
+           encodesTo(format::encodeBlockInfo(info), file.data() + format::kBackupHeaderSize));
     return 0;
 }

@@ -4,18 +4,9 @@
 // record against a plain model of the file layout, and runs
 // svfChkBmcUserInfoDiff on it: the record as read, taken as the backup copy,
 // must compare equal.
-#include <sys/stat.h>
 
-#include <memory>
-
-#include "BraskSvf/svfApi.h"
 #include "archive/comparers.h"
-#include "common/paths.h"
 #include "fuzz.h"
-
-using namespace brask;
-
-namespace {
 
 constexpr std::size_t kInfoHeaderSize = sizeof(bumInfoHeader_t),
                       kAttrHeaderSize = sizeof(bumUserAttr_t::header);
@@ -23,7 +14,7 @@ constexpr std::size_t kInfoHeaderSize = sizeof(bumInfoHeader_t),
 // The record a sound file reads into: the info header (users capped at 12),
 // then each record's bytes from the start of its slot.  False when the file
 // is not sound: a record cut short, or a length outside 5..60.
-bool expectedRecord(const std::uint8_t* data, std::size_t size, bumUserInfo_t& out) {
+static bool expectedRecord(const std::uint8_t* data, std::size_t size, bumUserInfo_t& out) {
     std::memset(&out, 0, sizeof out);
     if (size < kInfoHeaderSize) return false;
     std::memcpy(&out.header, data, kInfoHeaderSize);
@@ -37,19 +28,17 @@ bool expectedRecord(const std::uint8_t* data, std::size_t size, bumUserInfo_t& o
     return true;
 }
 
-int compareWith(const std::uint8_t* image, std::size_t size) {
-    test::writeBytes("/tmp/bmcUserInfo.data.bak", {image, image + size});
-    FILE* bak = std::fopen("/tmp/bmcUserInfo.data.bak", "rb");
-    FUZZ_CHECK(bak != nullptr);
+// The verdict on `image` as the backup copy: a sound one, -2 only when short.
+static int compareWith(const std::uint8_t* image, std::size_t size) {
+    test::writeBytes("/tmp/backup", {image, image + size});
+    FILE* bak = std::fopen("/tmp/backup", "rb");
     const int result = fuzz::quietly([&] { return svfChkBmcUserInfoDiff(bak); });
-    FUZZ_CHECK(std::fclose(bak) == 0 && (result == 0 || result == 1 || result == -2));
-    FUZZ_CHECK((result == -2) == (size < sizeof(bumUserInfo_t)));
+    assert(std::fclose(bak) == 0 && (result == 0 || result == 1 || result == -2));
+    assert((result == -2) == (size < sizeof(bumUserInfo_t)));
     return result;
 }
 
-}  // namespace
-
-FUZZ_SANDBOXED(::mkdir("/conf/brask/bum_home", 0755))
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) { return fuzz::enterSandbox(argc, argv); }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     test::writeBytes(paths::kBmcUserInfoFile, {data, data + size});
@@ -58,19 +47,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const int32_t result = fuzz::quietly([&] { return svfBumReadUserInfoInternal(info.get()); });
     bumUserInfo_t expected;
     const bool wellFormed = expectedRecord(data, size, expected);
-    FUZZ_CHECK((result == 0 || result == -1) && (result == 0) == wellFormed);
+    assert((result == 0 || result == -1) && (result == 0) == wellFormed);
     // The record as read is the backup copy's image: nothing differs.
-    FUZZ_CHECK(!wellFormed ||
-               (std::memcmp(info.get(), &expected, sizeof expected) == 0 &&
-                compareWith(reinterpret_cast<const std::uint8_t*>(info.get()), sizeof *info) == 0));
+    assert(!wellFormed ||
+           (std::memcmp(info.get(), &expected, sizeof expected) == 0 &&
+            compareWith(reinterpret_cast<const std::uint8_t*>(info.get()), sizeof *info) == 0));
     // A failed read leaves the slots past the stated users untouched (a header
     // read short may hold a count above 12: nothing is read then).
     for (unsigned i = std::min<unsigned>(info->header.users, SVF_BUM_MAX_USERS);
          !wellFormed && i < SVF_BUM_MAX_USERS; ++i) {
         const auto* user = reinterpret_cast<const std::uint8_t*>(&info->user[i]);
-        FUZZ_CHECK(std::all_of(user, user + sizeof info->user[i], [](std::uint8_t b) { return b == 0; }));
+        assert(std::all_of(user, user + sizeof info->user[i], [](std::uint8_t b) { return b == 0; }));
     }
-    // The raw input as a backup copy: any verdict, but a sound one.
-    (void)compareWith(data, size);
+    (void)compareWith(data, size);  // the raw input as a backup copy
     return 0;
 }

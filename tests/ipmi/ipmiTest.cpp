@@ -28,10 +28,9 @@ protected:
     void SetUp() override {
         std::ifstream in(BRASK_IPMI_ENV_FILE);
         for (std::string l; std::getline(in, l);) env_[l.substr(0, l.find('='))] = l.substr(l.find('=') + 1);
-        if (env_.empty() || std::system("command -v ipmi_sim >/dev/null && command -v ipmitool >/dev/null")) {
+        if (env_.empty() || std::system("command -v ipmi_sim >/dev/null && command -v ipmitool >/dev/null"))
             GTEST_SKIP() << "needs ipmi_sim, ipmitool (packages openipmi, ipmitool) and the module (built "
                             "when libopenipmi-dev is there at configure time, not in a cross build)";
-        }
         // A sanitizer build's module needs the sanitizer runtimes loaded first.
         const std::string conf = env_["BRASK_IPMI_CONF_DIR"];
         const std::string sim = "mkdir -p /var/ipmi_sim; exec env LD_PRELOAD='" + env_["BRASK_IPMI_PRELOAD"] +
@@ -48,10 +47,9 @@ protected:
     void TearDown() override {
         if (HasFailure()) std::cerr << "---- ipmi_sim output ----\n" << readFile(kLog);
         int status = 0;
-        if (pid_ > 0 && ::kill(pid_, SIGTERM) == 0 && ::waitpid(pid_, &status, 0) == pid_) {
+        if (pid_ > 0 && ::kill(pid_, SIGTERM) == 0 && ::waitpid(pid_, &status, 0) == pid_)
             EXPECT_TRUE(WIFSIGNALED(status) ? WTERMSIG(status) == SIGTERM : WEXITSTATUS(status) == 0)
                 << "stop";
-        }
     }
     // One attempt with a long time-out: the OEM handlers are not idempotent,
     // and a retry after a short time-out would run a slow backup twice.
@@ -73,16 +71,12 @@ protected:
     pid_t pid_ = -1;
 };
 
-TEST_F(Ipmi, WrongRequestLengthsAnswerC7AndChangeNothing) {
-    for (const std::string& request : {kGet + " 0", kSet, kSet + kWebBmc + " 0", kExe + " 1 2 0 0 0"}) {
+// Wrong lengths first: answered C7, and nothing happens.
+TEST_F(Ipmi, WrongLengthsThenBackupAndRestore) {
+    for (const std::string& request : {kGet + " 0", kSet, kSet + kWebBmc + " 0", kExe + " 1 2 0 0 0"})
         EXPECT_EQ(raw(request), 0xC7) << request;
-    }
-    EXPECT_EQ(selCodes(), "");
-    EXPECT_FALSE(exists(kWebBackup));
-    EXPECT_EQ(commandLog(), "");
-}
+    EXPECT_EQ(selCodes() + commandLog() + readFile(kWebBackup), "");
 
-TEST_F(Ipmi, BackupTamperedRestoreAndRestore) {
     // Backed up before: the FRU backup file is then read afresh from ipmi_sim's FRU.
     const std::string changed = populateConf({.backupCopies = true}).front(), original = readFile(changed);
     ASSERT_EQ(raw("0x0a 0x49 0x1d 0x2c 0x3b 0x6a"), 0);  // Set SEL Time 0x6A3B2C1D
@@ -100,14 +94,7 @@ TEST_F(Ipmi, BackupTamperedRestoreAndRestore) {
     // A file, and the FRU's product name (its bytes reordered: the area checksum holds).
     writeFile(changed, original + "changed\n");
     ASSERT_EQ(raw("0x0a 0x12 0 0x8a 0 0x53 0x45 0x52 0x56 0x45 0x52 0x20 0x42 0x52 0x41 0x53 0x4b"), 0);
-    std::vector<std::uint8_t> tampered = backup;
-    tampered.back() ^= 0x5A;
-    writeBytes(kWebBackup, tampered);
-    EXPECT_EQ(raw(kExe + kWebBmc), 0x81);
-    EXPECT_EQ(readFile(changed), original + "changed\n");
-
     // ipmi_sim's tick carries the restore to the reboot request.
-    writeBytes(kWebBackup, backup);
     ASSERT_EQ(raw(kExe + kWebBmc), 0);
     for (int i = 0; i < 240 && commandLog().find("reboot") == std::string::npos; ++i)
         std::this_thread::sleep_for(250ms);

@@ -29,8 +29,8 @@ std::string run(const std::string& tool, const std::string& args) {
         out = std::regex_replace(out, std::regex("\n *"), "") + "\n";
     out = std::regex_replace(out, std::regex("\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d UTC"), "<time>");
     out = std::regex_replace(out, std::regex("\"time\": \\d+"), "\"time\": 0");
-    out = maskLineNumbers(out);
-    return out + "exit " + std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : -1) + "\n";
+    return maskLineNumbers(out) + "exit " + std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : -1) +
+           "\n";
 }
 
 void expectGolden(const std::string& name, const std::string& actual) {
@@ -53,11 +53,10 @@ TEST(Tools, SvfdumpShowsPlansAndExtracts) {
     expectGolden("svfdump-plan.txt", run(SVFDUMP, "--plan /tmp/bmc /tmp/web.bak"));
     expectGolden("svfdump-plan.json", run(SVFDUMP, "--json --plan /tmp/bmc /tmp/web.bak"));
     // Extraction shows what the text mode shows, then what it wrote.
-    std::string extracted = run(SVFDUMP, "--extract /tmp/out /tmp/web.bak");
+    const std::string extracted = run(SVFDUMP, "--extract /tmp/out /tmp/web.bak");
     const std::size_t same = text.rfind("exit ");
     EXPECT_EQ(extracted.substr(0, same), text.substr(0, same));
-    extracted = extracted.substr(same) + diffTrees({}, snapshotTree({"/tmp/out"}));
-    expectGolden("svfdump-extract.txt", extracted);
+    expectGolden("svfdump-extract.txt", extracted.substr(same) + diffTrees({}, snapshotTree({"/tmp/out"})));
 }
 
 // The story of the README: a backup and a restore ticked to the reboot.
