@@ -202,7 +202,8 @@ void runUnder(const Flow& flow, const Fault& fault, Seen& seen) {
     calls += (calls.empty() ? "" : ",") + std::to_string(fault.index + 1);
 }
 
-// One line per outcome: the faults that lead to it.
+// One line per outcome, after the faults that lead to it:
+//   flow: call which,calls/of a clean run; ... -> result SEL codes[, status s flag f] | error lines
 std::string recordOf(const Flow& flow, const Seen& seen) {
     std::string record;
     for (const auto& [outcome, points] : seen) {
