@@ -1,148 +1,96 @@
-// Full file systems: /var/brask and /conf on small tmpfs mounts, filled up to
-// a chosen amount of free space.  Backup and restore must fail with their
-// codes and SEL entries, never crash, leave nothing open or locked, and a
-// failed backup must leave the previous web backup as it was.
+// Full file systems: /var/brask or /conf on a small tmpfs, filled up to a
+// chosen amount of free space.  Each flow fails with its code, SEL entries
+// and error line (or, given room, succeeds), never crashes, holds nothing
+// afterwards, starts no countdown, and a failed backup leaves the previous
+// web backup as it was.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 
-#include "BraskSvf/hostPlatformControl.h"
 #include "BraskSvf/svfApi.h"
 #include "common/paths.h"
 #include "hardeningSupport.h"
 #include "support/sandbox.h"
 #include "support/scenario.h"
 #include "support/tinyMount.h"
+#include "support/tree.h"
 
 namespace brask::test {
 namespace {
 
-constexpr char kMountSize[] = "4m";
-
-// Grows a filler file in `dir` until only about `leaveFree` bytes are left;
-// a fresh /conf first gets the brask folder every BMC has.
-void fillUp(const std::string& dir, unsigned long leaveFree) {
-    if (dir == "/conf") (void)::mkdir("/conf/brask", 0755);
-    struct statvfs fs {};
-    ASSERT_EQ(::statvfs(dir.c_str(), &fs), 0);
-    const unsigned long avail = fs.f_bavail * fs.f_bsize;
-    if (avail > leaveFree) writeFile(dir + "/filler", std::string(avail - leaveFree, 'f'));
-}
-
-// Each flow on a folder filled up: it fails with its code and SEL entries
-// (or, given room, succeeds) and holds nothing afterwards.
 TEST(DiskFull, FlowsOnAFullFolder) {
-    // A backup needs room for its block files and then for the backup file;
-    // each amount of free space below that stops it at another step, and the
-    // previous web backup stays as it was.
     prepareBackupSource();
-    ASSERT_EQ(setBackup().code, 0x00);
-    const std::vector<std::uint8_t> previous = readBytes(paths::kBmcWebBackupFile);
+    ASSERT_EQ(observe(setBackup).result, 0x00);
+    static std::vector<std::uint8_t> previous;
+    previous = readBytes(paths::kBmcWebBackupFile);
     const unsigned long size = previous.size();
-    ASSERT_GT(size, 0u);
-    // What the block files take on a tmpfs (whole pages).
-    unsigned long blocks = 0;
-    for (unsigned i = 0; exists(blockFile(i)); ++i)
-        blocks += (readBytes(blockFile(i)).size() + 4095) / 4096 * 4096;
+    unsigned long blocks = 0;  // what the block files take on a tmpfs (whole pages)
+    for (const auto& [path, node] : snapshotTree({"/var/brask"}))
+        if (path.starts_with(paths::kBmcBackupFile + std::string("-")))
+            blocks += (node.content.size() + 4095) & ~4095ul;
     ASSERT_GT(blocks, 0u);
-    std::vector<std::uint8_t> web;  // a valid web backup, for the restore
 
     struct Case {
-        std::string what;
-        std::function<void()> before;  // on the real disk, before the mount
+        const char* what;
         const char* dir;
-        std::function<unsigned long()> fill;  // set-up on the mount; the bytes to leave free
-        Outcome (*run)();
-        int code;
-        SelCodes sel;
-        const char* logged;  // the line a failure logs, or ""
-        std::function<void(const Outcome&)> check;
+        void (*prepare)();  // on the mount
+        unsigned long leaveFree;
+        long (*call)();
+        long result;
+        std::vector<std::uint8_t> sel;
+        const char* logged;  // a line of the error stream, or ""
     };
-    const auto backup = [&](std::string what, unsigned long freeBytes) {
-        const bool fits = freeBytes > blocks + size;
-        return Case{what,
-                    prepareBackupSource,
-                    "/var/brask",
-                    [&, freeBytes] { return writeBytes(paths::kBmcWebBackupFile, previous), freeBytes; },
-                    setBackup,
-                    fits ? 0x00 : 0x80,
-                    {0x0B, static_cast<std::uint8_t>(fits ? 0x2B : 0x3B)},
-                    fits ? "" : "svfCreateBraskBackupFile fail\n",
-                    [&, fits](const Outcome&) {
-                        const std::vector<std::uint8_t> now = readBytes(paths::kBmcWebBackupFile);
-                        if (fits)
-                            EXPECT_EQ(now.size(), size);
-                        else
-                            EXPECT_TRUE(now == previous) << "previous web backup lost";
-                    }};
+    const auto copies = [] { prepareBackupSource(), writeBytes(paths::kBmcWebBackupFile, previous); };
+    const auto plain = [] { populateConf(), writeBytes(paths::kBmcWebBackupFile, previous); };
+    const auto standby = [] { setStatusByte(5, ST_STANDBY); };
+    const auto query = [] {  // the completion code and the EventType
+        INT8U res[8] = {0xEE};
+        return svfGetBackupRestoreEvent(nullptr, 0, res), long{res[0] | res[1] << 8};
     };
+    // A backup needs room for its block files and then for the backup file:
+    // each amount of free space below that stops it at another step.  On a
+    // full /conf it cannot refresh the backup copies it compares first, and
+    // the query cannot make its trace ring (the answer does not change).  A
+    // restore splits the backup into block files beside it.
+    // clang-format off
     const Case cases[] = {
-        backup("no room", 0),
-        backup("room for part of the blocks", blocks / 2),
-        backup("room for the blocks only", blocks),
-        backup("room for blocks and part of the file", blocks + size / 2),
-        backup("room enough", blocks + size + 65536),
-        // Before packing, the backup refreshes the backup copies in /conf: with
-        // no room for them the change detection fails.
-        {"backup with a full /conf",
-         [] {},
-         "/conf",
-         [] { return populateConf(), writeFile(paths::kBmcWebBackupFile, "previous web backup"), 0ul; },
-         setBackup,
-         0x80,
-         {0x0B, 0x3B},
-         "svfChkBackupFileDiff fail\n",
-         [](const Outcome&) { EXPECT_EQ(readFile(paths::kBmcWebBackupFile), "previous web backup"); }},
-        // The query's trace ring cannot be made on a full /conf: the answer
-        // does not change.
-        {"query with a full /conf",
-         [] {},
-         "/conf",
-         [] { return setStatusByte(5, ST_STANDBY), 0ul; },
-         getEvent,
-         0x00,
-         {},
-         "",
-         [](const Outcome& got) {
-             ASSERT_EQ(got.response.size(), 8u);
-             EXPECT_EQ(got.response[1], 0x12);
-         }},
-        // The restore splits the backup into block files beside it.
-        {"restore into a full /var/brask",
-         [&] {
-             prepareRestoreSource();
-             web = readBytes(paths::kBmcWebBackupFile);
-             resetState();
-             populateConf();
-         },
-         "/var/brask",
-         [&] { return writeBytes(paths::kBmcWebBackupFile, web), web.size() / 2; },
-         exeRestore,
-         0x80,
-         {0x05, 0x35},
-         "",
-         [](const Outcome&) { EXPECT_EQ(gKillProcessAfterFileChkTimer, 0); }},
+        {"no room", "/var/brask", copies, 0, setBackup, 0x80, {0x0B, 0x3B}, "svfCreateBraskBackupFile fail"},
+        {"room for part of the blocks", "/var/brask", copies, blocks / 2, setBackup, 0x80, {0x0B, 0x3B}, "svfCreateBraskBackupFile fail"},
+        {"room for the blocks only", "/var/brask", copies, blocks, setBackup, 0x80, {0x0B, 0x3B}, "svfCreateBraskBackupFile fail"},
+        {"room for blocks and part of the file", "/var/brask", copies, blocks + size / 2, setBackup, 0x80, {0x0B, 0x3B}, "svfCreateBraskBackupFile fail"},
+        {"room enough", "/var/brask", copies, blocks + size + 65536, setBackup, 0x00, {0x0B, 0x2B}, ""},
+        {"backup with a full /conf", "/conf", plain, 0, setBackup, 0x80, {0x0B, 0x3B}, "svfChkBackupFileDiff fail"},
+        {"query with a full /conf", "/conf", standby, 0, query, 0x1200, {}, ""},
+        {"restore into a full /var/brask", "/var/brask", plain, size / 2, exeRestore, 0x80, {0x05, 0x35}, ""},
     };
+    // clang-format on
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
         resetState();
-        c.before();
-        if (HasFatalFailure()) return;
-        TinyMount mount(c.dir, kMountSize);
+        TinyMount mount(c.dir, "4m");
         if (!mount.mounted()) GTEST_SKIP() << mount.reason();
-        fillUp(c.dir, c.fill());
+        c.prepare();
+        if (std::string(c.dir) == "/conf") (void)::mkdir("/conf/brask", 0755);
+        struct statvfs fs {};
+        ASSERT_EQ(::statvfs(c.dir, &fs), 0);
+        const unsigned long avail = fs.f_bavail * fs.f_bsize;
+        if (avail > c.leaveFree)
+            writeFile(std::string(c.dir) + "/filler", std::string(avail - c.leaveFree, 'f'));
 
-        const Held before = heldNow();
-        const Outcome got = c.run();
-        EXPECT_EQ(got.code, c.code);
-        EXPECT_EQ(got.sel, c.sel);
-        EXPECT_NE(got.output.find(c.logged), std::string::npos) << got.output;
-        c.check(got);
-        expectNothingHeld(before);
+        const Observed o = observe(c.call);
+        EXPECT_EQ(o.result, c.result);
+        EXPECT_EQ(o.sel, c.sel);
+        EXPECT_NE(o.err.find(c.logged), std::string::npos) << o.err;
+        expectNothingHeld(o);
+        EXPECT_EQ(gKillProcessAfterFileChkTimer, 0);
+        if (c.call == exeRestore) continue;  // it moves the web backup to split it
+        if (o.result == 0x00 && c.call == setBackup)
+            EXPECT_EQ(readBytes(paths::kBmcWebBackupFile).size(), size);
+        else
+            EXPECT_EQ(o.changes.find(paths::kBmcWebBackupFile), std::string::npos) << o.changes;
     }
 }
 

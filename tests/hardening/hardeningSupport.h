@@ -1,76 +1,32 @@
-// Helpers of the hardening suite: the flows that do real work, what they
-// leave behind (descriptors, mappings, locks), and a checker of the event
-// trace ring.
+// The flows of the hardening suite that do real work, the states they start
+// from, and the check that a call left nothing held.
 #pragma once
 
-#include <sys/types.h>
-
-#include <cstdint>
-#include <string>
-#include <vector>
-
-#include "BraskSvf/svfTypes.h"
+#include "support/observe.h"
 
 namespace brask::test {
 
-using SelCodes = std::vector<std::uint8_t>;
+// A web-console request to each handler (the query: none); the result is its
+// completion code.
+long getEvent();
+long setBackup();
+long exeRestore();
+// The deferred restore; the result is the reboot countdown it left.
+long restoreConfigFile();
 
-// What a flow answered: the completion code for a handler; for the deferred
-// restore the reboot countdown it left.  Plus the SEL entries it added.
-struct Outcome {
-    int code = -1;
-    std::vector<std::uint8_t> response;  // a handler's answer, as long as it said
-    SelCodes sel;
-    // Deferred restore only: the event's status byte and the BMC restore
-    // flag afterwards.
-    int slot = -1;
-    int restoreFlag = -1;
-    std::string output;  // both standard streams, for the failure messages
-};
-
-// Descriptors and file-backed mappings of this process.
-struct Held {
-    int fds = 0;
-    int maps = 0;
-    bool operator==(const Held&) const = default;
-};
-Held heldNow();
-
-// Whether another process can take each lock within a short wait: a lock
-// left held by this process would make it wait for ever.
-struct LockState {
-    bool mutexFree = false;
-    bool semaphoreFree = false;
-};
-LockState probeLocks();
-// Expects the descriptors and mappings of `before` and both locks free.
-void expectNothingHeld(const Held& before);
-
-// Web-console requests and a call of each handler that keeps its output off
-// the test log.
-Outcome getEvent();
-Outcome setBackup();
-Outcome exeRestore();
-Outcome restoreConfigFile();
-
-// A /conf with every catalogue file and a valid web backup of it in
-// /var/brask/BmcWeb.bak (made once by a real backup, then copied).
+// A /conf with every catalogue file and its backup copies.
 void prepareBackupSource();
+// A /conf and a valid web backup of it, made once by a real backup.
 void prepareRestoreSource();
-// A restore accepted by the Execute Restore Event handler and waiting for
-// its deferred part: blocks split out, gRestoreType set, countdowns idle,
-// SEL empty.  `function` is written into gRestoreType afterwards (1 also
-// puts Restore.SvpConsole.Bmc in ST_PROCESSING, as the SVP would have).
-void preparePendingRestore(INT8U function);
+// A restore accepted by the Execute Restore Event handler over a /conf changed
+// after the backup (a file edited, a mode changed, a file removed, one added
+// on a delete-first row), waiting for its deferred part: made once, then put
+// back with /conf, /var/brask and the status area as it left them, the
+// countdowns idle and the SEL empty.
+void preparePendingRestore();
 
-// Block file `block` split out of (or packed into) the BMC backup file.
-std::string blockFile(unsigned block);
-
-// Checks the trace ring "/conf/brask/BackRest.trs2": size, header index in
-// range, and every written record consistent (known state codes, a response
-// that matches its own snapshot, a time within [notBefore, now]).  Returns
-// "" when well formed, else what is wrong.  `records` receives how many slots
-// hold a record.
-std::string checkTraceRing(std::uint32_t notBefore, int& records);
+// Expects no descriptor or mapping left by the observed call, and the status
+// lock and the file semaphore free for another process.
+void expectNothingHeld(const Observed& o);
 
 }  // namespace brask::test
