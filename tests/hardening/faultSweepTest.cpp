@@ -139,14 +139,17 @@ std::vector<Fault> ioFaults(const Flow& flow) {
         int calls = 0;
     };
     std::vector<Point> points;
-    for (const Call call : {Call::Fopen,  Call::Fread,  Call::Fwrite, Call::Fseek, Call::Ftell, Call::Fflush,
-                            Call::Fclose, Call::Open,   Call::Close,  Call::Write, Call::Fsync, Call::Syncfs,
-                            Call::Stat,   Call::Lstat,  Call::Fstat,  Call::Mmap,  Call::Chmod, Call::Fchmod,
-                            Call::Chown,  Call::Fchown, Call::Rename, Call::Unlink}) {
+    for (const Call call :
+         {Call::Fopen,  Call::Fread,  Call::Fwrite, Call::Fseek,   Call::Ftell, Call::Fflush, Call::Fclose,
+          Call::Fileno, Call::Fscanf, Call::Open,   Call::Close,   Call::Write, Call::Fsync,  Call::Syncfs,
+          Call::Stat,   Call::Lstat,  Call::Fstat,  Call::Fstatfs, Call::Mmap,  Call::Chmod,  Call::Fchmod,
+          Call::Chown,  Call::Fchown, Call::Rename, Call::Unlink}) {
         points.push_back({call, "/conf"});
         points.push_back({call, "/var/brask"});
     }
-    points.push_back({Call::System, ""});
+    // Calls without a path of their own, and the commands (by their text).
+    for (const Call call : {Call::System, Call::Munmap, Call::Fork, Call::Execlp, Call::Waitpid, Call::Time})
+        points.push_back({call, ""});
     for (std::size_t at = 0; at < points.size(); at += 8) {
         resetState();
         flow.prepare();

@@ -36,7 +36,7 @@
     X(fopen) X(fopen64) X(fclose) X(fflush) X(fread) X(fwrite) X(fputs) X(fputc)       \
     X(fseek) X(fseeko) X(fseeko64) X(ftell) X(ftello) X(ftello64) X(fileno) X(open) X(open64)  \
     X(openat) X(openat64) X(close) X(dup2) X(write) X(pwrite) X(pwrite64)  \
-    X(fsync) X(fdatasync) X(syncfs) X(sync) X(stat) X(stat64) X(lstat) X(lstat64) X(fstat)     \
+    X(fsync) X(syncfs) X(sync) X(stat) X(stat64) X(lstat) X(lstat64) X(fstat)     \
     X(fstat64) X(fstatfs) X(fstatfs64) X(mmap) X(mmap64) X(munmap) X(chmod) X(fchmod)          \
     X(chown) X(lchown) X(fchown) X(rename) X(renameat) X(renameat2) X(unlink) X(unlinkat)      \
     X(system) X(fork) X(waitpid) X(time)
@@ -88,7 +88,6 @@ __attribute__((constructor)) void resolveAll() {
 constexpr int kMaxFd = 1024;
 constexpr std::size_t kPathMax = 256;  // longer paths are kept cut, which prefixes survive
 constexpr int kMaxFaults = 8;
-constexpr int kLogMax = 2048;
 constexpr int kDirtyMax = 512;
 constexpr int kViolationMax = 64;
 using Path = char[kPathMax];
@@ -139,7 +138,6 @@ struct Fault {
 Fault gFaults[kMaxFaults];
 
 struct Logged {
-    Call call;
     Path path, to;
 };
 
@@ -147,7 +145,6 @@ struct Counter {
     bool active;
     Path prefix;
     int count, crashAt, violated;
-    Logged log[kLogMax];
     Path dirty[kDirtyMax];  // paths written since their last flush
     Logged violations[kViolationMax];
 };
@@ -191,16 +188,10 @@ void noteWriteLike(const Site& s, bool goesAhead) {
     Counter& c = gCounter;
     if (!c.active || !touches(c.prefix, s)) return;
     if (++c.count == c.crashAt) ::_exit(kCrashStatus);
-    if (c.count <= kLogMax) {
-        Logged& e = c.log[c.count - 1];
-        e.call = s.call;
-        copyPath(e.path, s.path);
-        copyPath(e.to, s.to);
-    }
     if (!goesAhead) return;
     if (s.call == Call::Write || s.call == Call::Fwrite || s.call == Call::Fflush || s.call == Call::Fclose) {
         (void)setDirty(s.path, true);
-    } else if (s.call == Call::Fsync || s.call == Call::Fdatasync || s.call == Call::Unlink) {
+    } else if (s.call == Call::Fsync || s.call == Call::Unlink) {
         (void)setDirty(s.path, false);
     } else if (s.call == Call::Rename) {
         const bool unflushed = setDirty(s.path, false);
@@ -278,7 +269,6 @@ BRASK_FD(ssize_t, pwrite, (int fd, const void* b, size_t n, off_t at), (fd, b, n
 BRASK_FD(ssize_t, pwrite64, (int fd, const void* b, size_t n, off64_t at), (fd, b, n, at), -1, Call::Write,
          true)
 BRASK_FD(int, fsync, (int fd), (fd), -1, Call::Fsync, true)
-BRASK_FD(int, fdatasync, (int fd), (fd), -1, Call::Fdatasync, true)
 BRASK_FD(int, fstat, (int fd, struct stat* st), (fd, st), -1, Call::Fstat)
 BRASK_FD(int, fstat64, (int fd, struct stat64* st), (fd, st), -1, Call::Fstat)
 BRASK_FD(int, fstatfs, (int fd, struct statfs* st), (fd, st), -1, Call::Fstatfs)
@@ -469,15 +459,6 @@ WriteLikeCounter::~WriteLikeCounter() {
 }
 
 int WriteLikeCounter::count() const { return gCounter.count; }
-
-std::vector<WriteLike> WriteLikeCounter::log() const {
-    std::vector<WriteLike> entries;
-    for (int i = 0; i < gCounter.count && i < kLogMax; ++i) {
-        const Logged& e = gCounter.log[i];
-        entries.push_back({e.call, e.path, e.to});
-    }
-    return entries;
-}
 
 std::vector<Violation> WriteLikeCounter::violations() const {
     std::vector<Violation> found;

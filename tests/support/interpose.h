@@ -37,7 +37,7 @@ namespace brask::test {
 #define BRASK_TEST_CALLS(X)                                                                   \
     X(Fopen, fopen) X(Fclose, fclose) X(Fflush, fflush) X(Fread, fread) X(Fwrite, fwrite)     \
     X(Fseek, fseek) X(Ftell, ftell) X(Fileno, fileno) X(Fscanf, fscanf) X(Open, open)         \
-    X(Close, close) X(Write, write) X(Fsync, fsync) X(Fdatasync, fdatasync) X(Syncfs, syncfs) \
+    X(Close, close) X(Write, write) X(Fsync, fsync) X(Syncfs, syncfs) \
     X(Stat, stat) X(Lstat, lstat) X(Fstat, fstat) X(Fstatfs, fstatfs) X(Mmap, mmap)           \
     X(Munmap, munmap) X(Chmod, chmod) X(Fchmod, fchmod) X(Chown, chown) X(Fchown, fchown)     \
     X(Rename, rename) X(Unlink, unlink) X(System, system) X(Fork, fork) X(Execlp, execlp)     \
@@ -76,22 +76,9 @@ private:
     int slot_;
 };
 
-// Write-like calls change what is stored under a path: open and fopen for
-// writing (O_WRONLY, O_RDWR, O_CREAT, O_TRUNC, O_APPEND; modes with w, a or
-// +), write, pwrite and fwrite (and its fputs, fputc forms) on a descriptor
-// or stream, fflush and fclose of a stream with buffered output, fsync,
-// fdatasync and syncfs of a descriptor, chmod, chown, fchmod, fchown, rename
-// and unlink.  Only those matching the prefix count.
-struct WriteLike {
-    Call call;
-    std::string path;
-    std::string to;  // the new path of a rename
-    bool operator==(const WriteLike&) const = default;
-};
-
 // A rename whose source still held data not yet flushed to disk: written
-// (write, fwrite, a stream flushed) after its last fsync or fdatasync, or
-// after the last syncfs or sync.  A crash after such a rename can leave the
+// (write, fwrite, a stream flushed) after its last fsync or after the
+// last syncfs or sync.  A crash after such a rename can leave the
 // new name with missing data.
 struct Violation {
     std::string from;
@@ -99,8 +86,11 @@ struct Violation {
     bool operator==(const Violation&) const = default;
 };
 
-// Counts and logs the write-like calls under `prefix` while alive, and keeps
-// the flush order per path for violations().  One at a time.
+// Counts the write-like calls under `prefix` while alive: those that change
+// what is stored (open and fopen for writing, write, pwrite, fwrite and its
+// fputs, fputc forms, fflush and fclose of buffered output, fsync, syncfs,
+// chmod, chown, fchmod, fchown, rename, unlink), and keeps the flush order
+// per path for violations().  One at a time.
 class WriteLikeCounter {
 public:
     explicit WriteLikeCounter(std::string_view prefix);
@@ -109,7 +99,6 @@ public:
     WriteLikeCounter& operator=(const WriteLikeCounter&) = delete;
 
     int count() const;
-    std::vector<WriteLike> log() const;  // the first 2048 calls, in order
     std::vector<Violation> violations() const;
 };
 
