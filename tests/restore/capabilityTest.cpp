@@ -1,11 +1,14 @@
-// The capability record survives a restore except for InterfaceREV, and the
-// recovery of backup copies puts every copy back over its file.
-#include <algorithm>
-#include <cstring>
+// The capability record's own failures, the EEPROM images, and the recovery
+// of backup copies.  The capability restore itself is a row of the block
+// table (blockReaderTest).
+#include <gtest/gtest.h>
 
+#include "BraskSvf/hostPlatformControl.h"
 #include "BraskSvf/svfApi.h"
-#include "restoreTestSupport.h"
+#include "support/builders.h"
 #include "support/interpose.h"
+#include "support/observe.h"
+#include "support/sandbox.h"
 #include "support/scenario.h"
 
 namespace brask::test {
@@ -13,51 +16,18 @@ namespace {
 
 constexpr char kCapability[] = "/conf/BMCCapability.dat";
 
-std::string capability(const char* interfaceRev, INT8U webClients) {
-    INI_BMC_CAPABILITY_T c{};
-    std::memcpy(c.BMCtype, "BRASK", 5);
-    std::memcpy(c.InterfaceREV, interfaceRev, std::min(std::strlen(interfaceRev), sizeof c.InterfaceREV));
-    c.WebConsoleMaxClient = webClients;
-    return std::string(reinterpret_cast<const char*>(&c), sizeof c);
-}
-
-TEST_F(RestoreTest, CapabilityKeepsLiveFieldsAndTakesInterfaceRevFromTheBackup) {
-    const struct {
-        const char* what;
-        std::optional<std::string> live;      // none: no file
-        std::optional<std::string> archived;  // none: the block does not hold it
-        std::string expected;
-    } cases[] = {
-        {"both whole", capability("REV-A", 4), capability("REV-B", 8), capability("REV-B", 4)},
-        {"not in the block: rewritten as it was", capability("REV-A", 4), std::nullopt,
-         capability("REV-A", 4)},
-        {"live file too short: the archived one stays", std::string(50, 'x'), capability("REV-B", 8),
-         capability("REV-B", 8)},
-        {"no live file: the archived one stays", std::nullopt, capability("REV-B", 8),
-         capability("REV-B", 8)},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        if (c.live)
-            writeFile(kCapability, *c.live);
-        else
-            (void)std::remove(kCapability);
-        std::vector<StoredEntry> entries;
-        if (c.archived) entries.push_back(entry(kCapability, *c.archived));
-        writeBytes("/var/brask/BMC.bak-1", test::block(entries));
-        char name[] = "/var/brask/BMC.bak-1";
-        ASSERT_EQ(svfExtractBraskArchive(BMC_FILE, name, 1), 0);
-        EXPECT_EQ(readFile(kCapability), c.expected);
-    }
-    // A record that cannot be written back is a failure.
-    writeFile(kCapability, capability("REV-A", 4));
+// A record that cannot be written back or flushed is a failure, and one
+// cannot be read from or written over a short file.
+TEST(Capability, FailsOnWriteFlushOrShortFile) {
+    writeFile(kCapability, std::string(sizeof(INI_BMC_CAPABILITY_T), 'c'));
     INI_BMC_CAPABILITY_T whole{};
     ASSERT_EQ(svfReadBMCCapability(&whole), 0);
-    {
-        const FailCall fail(Call::Fwrite, EIO, kCapability);
-        EXPECT_EQ(svfUpdateBMCCapability(&whole), -1);
+    for (const Call call : {Call::Fwrite, Call::Fclose}) {
+        const FailCall fail(call, EIO, kCapability);
+        const Observed got = observe([&] { return long{svfUpdateBMCCapability(&whole)}; });
+        EXPECT_EQ(got.result, -1);
+        EXPECT_EQ(got.out, "BRASK_DEBUG  : svfBraskArchiver(#) : svfUpdateBMCCapability fwrite fail\n");
     }
-    // A record cannot be read from or written over a short file.
     writeFile(kCapability, std::string(50, 'x'));
     INI_BMC_CAPABILITY_T c{};
     EXPECT_EQ(svfReadBMCCapability(&c), -1);
@@ -65,7 +35,51 @@ TEST_F(RestoreTest, CapabilityKeepsLiveFieldsAndTakesInterfaceRevFromTheBackup) 
     EXPECT_EQ(readFile(kCapability), std::string(50, 'x'));
 }
 
-TEST_F(RestoreTest, RecoverFileCopiesBackupCopiesBack) {
+Bytes eeprom(INT32U offset, INT32U length) {
+    Bytes out(length);
+    EXPECT_EQ(hostEepromRead(offset, out.data(), length), 0);
+    return out;
+}
+
+Bytes counting(std::size_t n, std::uint8_t first) {
+    Bytes v(n);
+    for (std::size_t i = 0; i < n; ++i) v[i] = static_cast<std::uint8_t>(first + i);
+    return v;
+}
+
+// Each image lands at its own offset, only its first ten bytes, and nothing
+// reaches the EEPROM from a file that is missing or short; a failed EEPROM
+// write is logged, not returned.
+TEST(EepromRestore, WritesOnlyTheFirstTenBytesOfAWholeFile) {
+    const struct {
+        INT8S (*restore)();
+        const char* path;
+        INT32U offset;
+    } images[] = {{svfRestorePostCheckCode, "/conf/brask/PostCheckCode.dat", 0x780C},
+                  {svfRestoreWatchdogParameters, "/conf/brask/WatchdogParameters.dat", 0x7804}};
+    for (const auto& c : images) {
+        SCOPED_TRACE(c.path);
+        resetState();
+        const auto blank = eeprom(0x7800, 0x20);
+        EXPECT_EQ(c.restore(), 0);
+        EXPECT_EQ(hostCallCount("brask_ReadWriteEEPROM"), 0);
+        writeBytes(c.path, counting(9, 1));
+        EXPECT_EQ(c.restore(), static_cast<INT8S>(0xC0));
+        EXPECT_EQ(eeprom(0x7800, 0x20), blank);
+
+        writeBytes(c.path, counting(12, 0x40));
+        EXPECT_EQ(c.restore(), 0);
+        Bytes around = counting(12, 0x3F);  // the ten bytes and the blank one on each side
+        around.front() = around.back() = 0xFF;
+        EXPECT_EQ(eeprom(c.offset - 1, 12), around);
+        hostResetCounters();
+        ASSERT_EQ(hostFailCall("brask_ReadWriteEEPROM", 0, 1, EIO), 0);
+        EXPECT_EQ(c.restore(), 0);
+        EXPECT_EQ(hostCallCount("brask_ReadWriteEEPROM"), 1);
+    }
+}
+
+TEST(Recovery, RecoverFileCopiesBackupCopiesBack) {
     ScenarioOptions options;
     options.backupCopies = true;
     const auto written = populateConf(options);
