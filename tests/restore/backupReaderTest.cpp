@@ -126,24 +126,36 @@ TEST(BackupReader, EveryTruncationIsRefused) {
 }
 
 // N+M restores block 0 only, so only it is split; a block file is cut
-// before its descriptor is looked at.
-TEST(BackupReader, SplitWritesEachBlockBesideTheBackup) {
+// before its descriptor is looked at.  Extraction then restores block by
+// block under the file semaphore, and brings the kept-aside interfaces back
+// unless in maintenance mode.
+TEST(BackupReader, SplitThenExtractBlockByBlock) {
     writeBytes(kBackup, sampleBackup());
     ASSERT_EQ(split(N_P_M), 0);
     EXPECT_EQ(readBytes("/var/brask/BMC.bak-0"), sampleBlocks()[0]);
     EXPECT_FALSE(exists("/var/brask/BMC.bak-1"));
-    ASSERT_EQ(split(kWeb), 0);
-    EXPECT_EQ(readBytes("/var/brask/BMC.bak-0"), sampleBlocks()[0]);
-    EXPECT_EQ(readBytes("/var/brask/BMC.bak-1"), sampleBlocks()[1]);
     writeBytes(kBackup, withDescriptor(1, 136, 1 << 20));
     EXPECT_EQ(split(kWeb), SVF_EXTRACT_FAIL);
     EXPECT_EQ(readBytes("/var/brask/BMC.bak-1"), Bytes{});
-}
 
-TEST(BackupReader, ExtractionRestoresBlocksAndBringsBackInterfaces) {
+    writeBytes(kBackup, sampleBackup());
+    ASSERT_EQ(split(kWeb), 0);
+    EXPECT_EQ(readBytes("/var/brask/BMC.bak-0"), sampleBlocks()[0]);
+    EXPECT_EQ(readBytes("/var/brask/BMC.bak-1"), sampleBlocks()[1]);
+    writeFile("/conf/resolv.conf", "old\n");
+    ASSERT_EQ(hostFailCall("hslAcquireSysvSemaphore", 1, 1, EAGAIN), 0);
+    EXPECT_EQ(svfExtractBraskArchiveblock(BMC_FILE, 2), -1);  // block 0 done, block 1 refused
+    EXPECT_EQ(readFile("/conf/resolv.conf"), "old\n");
+    hostResetFaults();
+    hostResetCounters();
+    EXPECT_EQ(svfExtractBraskArchiveblock(BMC_FILE, 3), -1);  // no third block file
+    EXPECT_EQ(readFile("/conf/resolv.conf"), "restored\n");
+    EXPECT_EQ(svfExtractBraskArchiveblock(2, 1), -1);
+    // Every acquired semaphore was given back.
+    EXPECT_EQ(hostCallCount("hslAcquireSysvSemaphore"), hostCallCount("hslReleaseSysvSemaphore"));
+
     for (const bool maintenance : {false, true}) {
-        writeBytes(kBackup, sampleBackup());
-        ASSERT_EQ(split(kWeb), 0);
+        writeFile("/conf/resolv.conf", "old\n");
         writeFile("/conf/interfaces", "live\n");
         writeFile("/conf/back_interfaces", "kept aside\n");
         hostSetMaintenanceMode(maintenance ? 1 : 0);
@@ -152,23 +164,6 @@ TEST(BackupReader, ExtractionRestoresBlocksAndBringsBackInterfaces) {
         EXPECT_EQ(readFile("/conf/interfaces"), maintenance ? "live\n" : "kept aside\n");
         EXPECT_EQ(exists("/conf/back_interfaces"), maintenance);
     }
-}
-
-TEST(BackupReader, ExtractionStopsAtSemaphoreOrBlockFailure) {
-    writeBytes(kBackup, sampleBackup());
-    ASSERT_EQ(split(kWeb), 0);
-    writeFile("/conf/resolv.conf", "old\n");
-    ASSERT_EQ(hostFailCall("hslAcquireSysvSemaphore", 1, 1, EAGAIN), 0);
-    EXPECT_EQ(svfExtractBraskArchiveblock(BMC_FILE, 2), -1);  // block 0 done, block 1 refused
-    EXPECT_EQ(readFile("/conf/resolv.conf"), "old\n");
-
-    hostResetFaults();
-    hostResetCounters();
-    EXPECT_EQ(svfExtractBraskArchiveblock(BMC_FILE, 3), -1);  // no third block file
-    EXPECT_EQ(readFile("/conf/resolv.conf"), "restored\n");
-    EXPECT_EQ(svfExtractBraskArchiveblock(2, 1), -1);
-    // Every acquired semaphore was given back.
-    EXPECT_EQ(hostCallCount("hslAcquireSysvSemaphore"), hostCallCount("hslReleaseSysvSemaphore"));
 }
 
 constexpr char kWebBackup[] = "/var/brask/BmcWeb.bak";

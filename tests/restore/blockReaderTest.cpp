@@ -36,13 +36,10 @@ constexpr char kCapability[] = "/conf/BMCCapability.dat";
 // The shipped catalogue restores every file whole; the part restore of
 // PMConfig.dat is reached through a catalogue whose PMConfig row is PART.
 catalogue::Selection partCatalogue() {
-    static const auto rows = [] {
-        std::vector<BackupFileList_T> r(BmcBackupFileList, BmcBackupFileList + SVF_BMC_BACKUP_FILE_COUNT);
-        for (auto& row : r) {
-            if (std::strcmp(row.FilePass, kPmConfig) == 0) row.TargetPart = PART;
-        }
-        return r;
-    }();
+    static std::vector<BackupFileList_T> rows(BmcBackupFileList,
+                                              BmcBackupFileList + SVF_BMC_BACKUP_FILE_COUNT);
+    for (auto& row : rows)
+        row.TargetPart = std::strcmp(row.FilePass, kPmConfig) == 0 ? INT8U{PART} : row.TargetPart;
     catalogue::Selection sel = catalogue::select(BMC_FILE);
     sel.rows = rows.data();
     return sel;
@@ -123,7 +120,7 @@ const std::vector<BlockCase>& cases() {
         {"a name without .bak stops the block: earlier entries stay, capability not merged",
          {{kResolv, "old\n"}, {kHid, "old\n"}, {kCapability, std::string(51, 'L')}},
          [] { return block({entry(kResolv, "new\n"), entry(kCapability, std::string(51, 'B')),
-                            StoredEntry{.name = "/conf/vmedia.conf", .data = bytesOf("x")}, entry(kHid, "new\n")}); },
+                            StoredEntry{.name = "/conf/vmedia.conf", .data = bytesOf("x"), .fileOffset = {}, .fileSize = {}}, entry(kHid, "new\n")}); },
          -1, {".bak Unmatch"}, {{kResolv, "new\n"}, {kCapability, std::string(51, 'B')}}},
         {"capability: InterfaceREV from the backup, the rest live", {{kCapability, capability("REV-A", 4)}},
          [] { return block({entry(kCapability, capability("REV-B", 8))}); }, 0, {}, {{kCapability, capability("REV-B", 4)}}},
