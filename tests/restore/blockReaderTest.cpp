@@ -45,10 +45,10 @@ catalogue::Selection partCatalogue() {
     return sel;
 }
 
+// A record with a 5-character InterfaceREV.
 std::string capability(const char* interfaceRev, INT8U webClients) {
     INI_BMC_CAPABILITY_T c{};
-    std::memcpy(c.BMCtype, "BRASK", 5);
-    std::memcpy(c.InterfaceREV, interfaceRev, std::min(std::strlen(interfaceRev), sizeof c.InterfaceREV));
+    std::memcpy(c.InterfaceREV, interfaceRev, 5);
     c.WebConsoleMaxClient = webClients;
     return std::string(reinterpret_cast<const char*>(&c), sizeof c);
 }

@@ -41,12 +41,6 @@ Bytes eeprom(INT32U offset, INT32U length) {
     return out;
 }
 
-Bytes counting(std::size_t n, std::uint8_t first) {
-    Bytes v(n);
-    for (std::size_t i = 0; i < n; ++i) v[i] = static_cast<std::uint8_t>(first + i);
-    return v;
-}
-
 // Each image lands at its own offset, only its first ten bytes, and nothing
 // reaches the EEPROM from a file that is missing or short; a failed EEPROM
 // write is logged, not returned.
@@ -63,15 +57,15 @@ TEST(EepromRestore, WritesOnlyTheFirstTenBytesOfAWholeFile) {
         const auto blank = eeprom(0x7800, 0x20);
         EXPECT_EQ(c.restore(), 0);
         EXPECT_EQ(hostCallCount("brask_ReadWriteEEPROM"), 0);
-        writeBytes(c.path, counting(9, 1));
+        writeBytes(c.path, Bytes(9, 1));
         EXPECT_EQ(c.restore(), static_cast<INT8S>(0xC0));
         EXPECT_EQ(eeprom(0x7800, 0x20), blank);
 
-        writeBytes(c.path, counting(12, 0x40));
+        writeBytes(c.path, bytesOf("0123456789ab"));
         EXPECT_EQ(c.restore(), 0);
-        Bytes around = counting(12, 0x3F);  // the ten bytes and the blank one on each side
-        around.front() = around.back() = 0xFF;
-        EXPECT_EQ(eeprom(c.offset - 1, 12), around);
+        EXPECT_EQ(eeprom(c.offset - 1, 12), bytesOf("\xff"
+                                                    "0123456789"
+                                                    "\xff"));  // blank on each side
         hostResetCounters();
         ASSERT_EQ(hostFailCall("brask_ReadWriteEEPROM", 0, 1, EIO), 0);
         EXPECT_EQ(c.restore(), 0);
