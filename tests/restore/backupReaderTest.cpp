@@ -177,6 +177,7 @@ const std::string kHandler = "BRASK_ERR  : svfOEMExeRestoreEvent(#) : ";
 const std::string kReader = "BRASK_ERR  : svfBraskArchiver(#) : ";
 
 void webFile(const Bytes& f) { writeBytes(kWebBackup, f); }
+void otherEventActive() { setStatusByte(slotIndex(EventKind::Backup, N_P_M, BMC_FILE), ST_GENERATED); }
 
 // clang-format off
 const ExeCase kExeCases[] = {
@@ -188,10 +189,12 @@ const ExeCase kExeCases[] = {
     {"FunctionOutOfRange", {1, 3, 0, 0, 0, 0}, nullptr, 0xC9, {}, false},
     {"FileTypeOutOfRange", {2, 2, 0, 0, 0, 0}, nullptr, 0xC9, {}, false},
     {"RebootPending", kWebBmc, [] { gRebootAfterRestoreTimer = 30; }, 0xD5, kFailed, false, {kHandler + "gRebootAfterRestoreTimer != 0"}},
-    {"RestorePendingSvp", {1, 1, 0, 0, 0, 0}, [] { gKillProcessAfterFileChkTimer = 3; }, 0xD5, {}, false, {kHandler + "gRebootAfterRestoreTimer != 0"}},
-    {"OtherEventActive", kWebBmc, [] { setStatusByte(slotIndex(EventKind::Backup, N_P_M, BMC_FILE), ST_GENERATED); }, 0xD5, kFailed, false, {kHandler + "handle others"}},
+    {"RestorePendingSvp", {1, 1, 0, 0, 0, 0}, [] { gKillProcessAfterFileChkTimer = 3; }, 0xD5, {}, false,
+     {kHandler + "gRebootAfterRestoreTimer != 0"}},
+    {"OtherEventActive", kWebBmc, otherEventActive, 0xD5, kFailed, false, {kHandler + "handle others"}},
     {"FirmwareUpdate", kWebBmc, [] { hostSetFwUpdateState(3); }, 0x80, {0x05}, false, {kHandler + "BMC Busy. Running FwUp."}},
-    {"NoSemaphore", kWebBmc, [] { hostFailCall("hslAcquireSysvSemaphore", 0, 1, EIDRM); }, 0x88, kFailed, false, {kHandler + "hslAcquireSysvSemaphore fail"}},
+    {"NoSemaphore", kWebBmc, [] { hostFailCall("hslAcquireSysvSemaphore", 0, 1, EIDRM); }, 0x88, kFailed, false,
+     {kHandler + "hslAcquireSysvSemaphore fail"}},
     {"NoWebBackup", kWebBmc, [] { std::remove(kWebBackup); }, 0x80, kFailed, false, {kHandler + "system cmd fail(2)"}},
     {"BadChecksum", kWebBmc, [] { webFile(flipped(50)); }, 0x81, kFailed, true, {kReader + "ChkSum not Match"}},
     {"OtherServer", kWebBmc, [] { webFile(sampleBackup({.model = "OTHER"})); }, 0x85, kFailed, true, {kReader + "ModelNumber Mismatch"}},

@@ -105,6 +105,7 @@ TEST(PlanEqualsRestore, FileByFile) {
 
         const Observed restored = observe([&] {
             (void)svfOEMExeRestoreEvent(req, 6, res, 0);
+            EXPECT_EQ(gKillProcessAfterFileChkTimer, 10);
             for (int i = 0; i < 500 && commandLog().find("kvm_servers stop") == std::string::npos; ++i)
                 std::this_thread::sleep_for(std::chrono::milliseconds(10));  // a child of the handler runs it
             for (int tick = 0; tick < 10; ++tick) svfRestoreTimer();
