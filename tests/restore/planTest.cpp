@@ -3,17 +3,22 @@
 // against it: for each tree, what the preview says every file of /conf
 // will hold afterwards (content, mode, owner, or gone) is what the restore
 // leaves, file by file; where the backup is the one just taken, that is
-// the backed-up /conf again.
+// the backed-up /conf again.  Then the tick on its own: both countdowns in
+// order and each path of the deferred restore.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
 #include <functional>
 #include <set>
+#include <thread>
 
 #include "BraskSvf/hostPlatformControl.h"
 #include "BraskSvf/svfApi.h"
+#include "BraskSvf/svfPlatform.h"
+#include "command/kvmStopChild.h"
 #include "common/paths.h"
 #include "restorePreview.h"
-#include "restoreTestSupport.h"
 #include "support/builders.h"
 #include "support/observe.h"
 #include "support/sandbox.h"
@@ -60,82 +65,148 @@ struct PlanCase {
     bool backToBackup = false;                    // the restore gives back the backed-up /conf
 };
 
-void PrintTo(const PlanCase& c, std::ostream* os) { *os << c.name; }
-
+// clang-format off
 const PlanCase kCases[] = {
     {"identical", [] {}, false, nullptr, true},
-    {"changed",
-     [] {
-         writeFile("/conf/resolv.conf", "nameserver 198.51.100.7\n");
-         (void)::chmod("/conf/hosts", 0600);
-     },
-     false, nullptr, true},
-    {"new and missing",
-     [] {
-         writeFile(kAdded, "ssh-ed25519 AAAA added\n");
-         (void)std::remove("/conf/passwd");
-     },
-     false, nullptr, true},
+    {"changed", [] { writeFile("/conf/resolv.conf", "nameserver 198.51.100.7\n"), ::chmod("/conf/hosts", 0600); }, false, nullptr, true},
+    {"new and missing", [] { writeFile(kAdded, "ssh-ed25519 AAAA added\n"), std::remove("/conf/passwd"); }, false, nullptr, true},
     {"maintenance", [] { writeFile("/conf/interfaces", "iface eth0 inet dhcp\n"); }, true},
-    {"unknown entries", [] {}, false,
-     [] {
-         return backup(
-             {.blocks = {block({}), block({entry("/conf/resolv.conf", "nameserver 192.0.2.9\n", 0100640),
-                                           entry("/conf/nowhere.conf", "not catalogued\n")})}});
-     }},
-    {"PMConfig absent", [] { (void)std::remove("/conf/BMC1/PMConfig.dat"); }},
+    {"unknown entries", [] {}, false, [] {
+         return backup({.blocks = {block({}), block({entry("/conf/resolv.conf", "nameserver 192.0.2.9\n", 0100640),
+                                                     entry("/conf/nowhere.conf", "not catalogued\n")})}}); }},
+    {"PMConfig absent", [] { std::remove("/conf/BMC1/PMConfig.dat"); }},
     {"PMConfig changed", [] { writeFile("/conf/BMC1/PMConfig.dat", std::string(64, 'x')); }},
 };
+// clang-format on
 
-class PlanEqualsRestore : public ::testing::TestWithParam<PlanCase> {};
+TEST(PlanEqualsRestore, FileByFile) {
+    for (const PlanCase& c : kCases) {
+        SCOPED_TRACE(c.name);
+        resetState();
+        populateConf();
+        hostSetFwUpdateState(9);  // not an update state
+        INT8U req[6] = {BMC_FILE, BMC_WEB_CONSOLE, 0, 0, 0, 0};
+        INT8U res[1] = {0xEE};
+        ASSERT_EQ(svfOEMSetBackupEvent(req, 6, res, 0), 1);
+        ASSERT_EQ(res[0], 0x00);
+        if (c.backupFile) writeBytes(paths::kBmcWebBackupFile, c.backupFile());
+        const Tree backedUp = filesOf(snapshotTree({"/conf"}));
+        c.afterBackup();
+        hostSetMaintenanceMode(c.maintenance ? 1 : 0);
 
-TEST_P(PlanEqualsRestore, FileByFile) {
-    const PlanCase& c = GetParam();
-    populateConf();
-    INT8U req[6] = {BMC_FILE, BMC_WEB_CONSOLE, 0, 0, 0, 0};
-    INT8U res[1] = {0xEE};
-    ASSERT_EQ(svfOEMSetBackupEvent(req, 6, res, 0), 1);
-    ASSERT_EQ(res[0], 0x00);
-    if (c.backupFile) writeBytes(paths::kBmcWebBackupFile, c.backupFile());
-    const Tree backedUp = filesOf(snapshotTree({"/conf"}));
-    c.afterBackup();
-    hostSetMaintenanceMode(c.maintenance ? 1 : 0);
+        preview::Request request;
+        ASSERT_EQ(svfGetProductIdFru(&request.identity.emplace()), 0);
+        preview::PreviewTree tree("", c.maintenance);
+        const Bytes file = readBytes(paths::kBmcWebBackupFile);
+        const Tree before = filesOf(snapshotTree({"/conf"}));
+        const preview::Preview p = preview::previewBackup(file, request, tree);
+        ASSERT_TRUE(p.verdict.accepted) << p.verdict.reason;
+        const Tree expected = predicted(p, tree, before);
 
-    preview::Request request;
-    svfBraskBackupFileHeader_T own{};
-    ASSERT_EQ(svfGetProductIdFru(&own), 0);
-    request.identity = own;
-    preview::PreviewTree tree("", c.maintenance);
-    const Bytes file = readBytes(paths::kBmcWebBackupFile);
-    const Tree before = filesOf(snapshotTree({"/conf"}));
-    const preview::Preview p = preview::previewBackup(file, request, tree);
-    ASSERT_TRUE(p.verdict.accepted) << p.verdict.reason;
-    const Tree expected = predicted(p, tree, before);
-
-    const Observed restored = observe([&] {
-        (void)svfOEMExeRestoreEvent(req, 6, res, 0);
-        EXPECT_TRUE(waitForCommand("kvm_servers stop"));  // from a child of the handler
-        for (int tick = 0; tick < 10; ++tick) svfRestoreTimer();
-        return long{res[0]};
-    });
-    ASSERT_EQ(restored.result, 0x00) << restored.err;
-    const Tree after = filesOf(snapshotTree({"/conf"}));
-    EXPECT_EQ(diffTrees(expected, after), "");
-    if (c.backToBackup) {
-        EXPECT_EQ(diffTrees(backedUp, after), "");
+        const Observed restored = observe([&] {
+            (void)svfOEMExeRestoreEvent(req, 6, res, 0);
+            EXPECT_EQ(gKillProcessAfterFileChkTimer, 10);
+            for (int i = 0; i < 500 && commandLog().find("kvm_servers stop") == std::string::npos; ++i)
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));  // a child of the handler runs it
+            for (int tick = 0; tick < 10; ++tick) svfRestoreTimer();
+            return long{res[0]};
+        });
+        ASSERT_EQ(restored.result, 0x00) << restored.err;
+        const Tree after = filesOf(snapshotTree({"/conf"}));
+        EXPECT_EQ(diffTrees(expected, after), "");
+        if (c.backToBackup) {
+            EXPECT_EQ(diffTrees(backedUp, after), "");
+        }
+        EXPECT_EQ(restored.sel, (std::vector<std::uint8_t>{0x05, 0x25}));
+        EXPECT_EQ(linesInOrder(restored.commands,
+                               {"kvm_servers stop", "webgo stop", "inetd stop", "ssh stop", "reboot"}),
+                  "");
+        EXPECT_EQ(gKillProcessAfterFileChkTimer + gRebootAfterRestoreTimer, 0);
+        EXPECT_FALSE(exists(paths::kBmcWebBackupFile));
+        // An idle tick reaps the handler's child once it has ended; no zombie stays.
+        for (int i = 0; i < 500 && restore::pendingKvmServersStop() != 0; ++i) {
+            svfRestoreTimer();
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        EXPECT_EQ(restore::pendingKvmServersStop(), 0);
     }
-    EXPECT_EQ(restored.sel, (std::vector<std::uint8_t>{0x05, 0x25}));
-    EXPECT_EQ(linesInOrder(restored.commands,
-                           {"kvm_servers stop", "webgo stop", "inetd stop", "ssh stop", "reboot"}),
-              "");
-    EXPECT_EQ(gKillProcessAfterFileChkTimer + gRebootAfterRestoreTimer, 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Trees, PlanEqualsRestore, ::testing::ValuesIn(kCases), [](const auto& p) {
-    std::string n = p.param.name;
-    for (char& ch : n) ch = std::isalnum(static_cast<unsigned char>(ch)) ? ch : '_';
-    return n;
-});
+TEST(Timer, IniTimerDropsPendingRestoreAndReboot) {
+    gKillProcessAfterFileChkTimer = 5;
+    gRebootAfterRestoreTimer = 7;
+    svfIniTimer();
+    EXPECT_EQ(gKillProcessAfterFileChkTimer + gRebootAfterRestoreTimer, 0);
+    const Observed got = observe([] { return svfRestoreTimer(), 0L; });
+    EXPECT_EQ(got.out + got.commands, "");  // an idle tick prints and runs nothing
+}
+
+struct DeferredCase {
+    const char* name;
+    svfRestoreType_T pending;
+    std::function<void()> setup;
+    bool stopsServices;
+    INT8U flagAfter;  // the restore flag of the file type afterwards
+    std::vector<std::uint8_t> sel;
+    INT8U reboot;  // the reboot countdown the restore sets
+    int slot;      // status slot to check, -1 none
+    INT8U slotAfter;
+    bool timeApplied;
+};
+
+// clang-format off
+const DeferredCase kDeferred[] = {
+    {"WebBmcSuccess", {1, 2, 0}, [] {}, true, 0, {0x25}, 1, 5, ST_NOTHING, true},
+    {"WebBmcUnpackFails", {1, 2, 1}, [] {}, true, 1, {0x35}, 1, -1, 0, false},
+    {"WebEfi", {0, 2, 0}, [] {}, false, 0, {0x24}, 0, -1, 0, true},
+    {"SvpBmcProcessing", {1, 1, 0}, [] { setStatusByte(3, ST_PROCESSING); }, true, 0, {0x23}, 30, 3, ST_COMPLETION, true},
+    {"SvpBmcNotStarted", {1, 1, 0}, [] {}, true, 0, {0x23}, 30, 3, ST_FAIL, true},
+    {"NplusMBmc", {1, 0, 0}, [] { setStatusByte(1, ST_PROCESSING); }, false, 0, {0x21}, 0, 1, ST_COMPLETION, true},
+    // The restore flag takes the first two mutexes.
+    {"SvpBmcNoMutex", {1, 1, 0}, [] { hostFailCall("hslCreateMutex", 2, 1, ENOMEM); }, true, 0, {}, 30, -1, 0, true},
+    // Requesters 3 to 5 have status bytes 6 to 11: F * 2 + FT names one of them.
+    {"Function4Bmc", {1, 4, 0}, [] { setStatusByte(9, ST_PROCESSING); }, true, 0, {0x29}, 0, 9, ST_COMPLETION, true},
+    {"WebBmcFlagFails", {1, 2, 0}, [] { hostFailCall("hslCreateMutex", 0, 1, ENOMEM); }, true, 0, {0x35}, 1, -1, 0, false},
+};
+// clang-format on
+
+// Each row's restore runs in the tick its countdown ends; a reboot countdown
+// of 1 reboots in that same tick (the web console), a longer one counts on.
+TEST(Timer, DeferredRestoreFollowsItsPath) {
+    for (const DeferredCase& c : kDeferred) {
+        SCOPED_TRACE(c.name);
+        resetState();
+        c.setup();
+        gRestoreType = c.pending;
+        gKillProcessAfterFileChkTimer = 1;
+        const int timeCalls = hostApplyTimeInfoCount();
+        const int scheduleCalls = hostUpdateScheduleCount();
+        const Observed got = observe([] { return svfRestoreTimer(), 0L; });
+        const std::string tag = "BRASK_DEBUG  : svfIntervalAutoBackup(#) : ";
+        EXPECT_EQ(linesInOrder(got.out, {tag + "gKillProcessAfterFileChkTimer = 1",
+                                         tag + "gRebootAfterRestoreTimer = " + std::to_string(c.reboot)})
+                      .empty(),
+                  c.reboot != 0);
+        EXPECT_EQ(linesInOrder(got.out, {tag + "Reboot After Restore"}).empty(), c.reboot == 1);
+        EXPECT_EQ(got.commands, std::string(c.stopsServices ? "webgo stop\ninetd stop\nssh stop\n" : "") +
+                                    (c.reboot == 1 ? "reboot\n" : ""));
+        hslSemiVolatileArea_T a{};
+        ASSERT_EQ(hostSemiVolRead(&a), 0);
+        EXPECT_EQ(
+            c.pending.FileType == BMC_FILE ? a.svfAutoBack.BmcRestoreFlag : a.svfAutoBack.EfiRestoreFlag,
+            c.flagAfter);
+        EXPECT_EQ(selEvents(), c.sel);
+        EXPECT_EQ(gRebootAfterRestoreTimer, std::max(c.reboot - 1, 0));
+        if (c.slot >= 0) {
+            EXPECT_EQ(a.svf.svfStatusList[c.slot], c.slotAfter);
+        }
+        EXPECT_EQ(hostApplyTimeInfoCount() - timeCalls, c.timeApplied ? 1 : 0);
+        EXPECT_EQ(hostUpdateScheduleCount() - scheduleCalls, c.timeApplied ? 1 : 0);
+        if (c.timeApplied) {
+            EXPECT_EQ(hostLastScheduleArgument(), m_prev_sch_ut_time);
+        }
+    }
+}
 
 }  // namespace
 }  // namespace brask::test
