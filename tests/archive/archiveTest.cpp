@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <numeric>
 #include <optional>
 #include <tuple>
@@ -16,6 +15,7 @@
 #include "archive/fileUtils.h"
 #include "archive/format.h"
 #include "archive/writers.h"
+#include "common/diag.h"
 #include "support/builders.h"
 #include "support/interpose.h"
 #include "support/observe.h"
@@ -62,28 +62,10 @@ TEST(Format, DamagedBlocksStopTheWalk) {
         EXPECT_EQ(tuple(walk.status(), walk.decoded(), walk.trailingBytes()),
                   tuple(status, decoded, trailing));
     }
-    // Every field decodes as the encoder put it.
-    const Bytes good = block({a, b});
-    f::ArchiveEntry e;
-    ASSERT_EQ(f::decodeArchiveEntry(good, f::kArchiveHeaderSize, e), Status::Ok);
-    EXPECT_EQ(tuple(e.info.FilePermission, e.info.FileUid, e.info.FileGid, e.name,
-                    Bytes(e.data.begin(), e.data.end())),
-              tuple(0100640u, ::getuid(), ::getgid(), "/conf/a.bak", bytesOf("abc")));
     // Four bytes with a zero count are too short for any block: read as a
     // backup file; with a count, as a block (then refused as truncated).
     EXPECT_EQ(tuple(f::classifyContent(Bytes{1, 0, 0, 0}), f::classifyContent(Bytes{1, 0, 1, 0})),
               tuple(f::ContentKind::BackupFile, f::ContentKind::ArchiveBlock));
-    // The cursor and the writer never move past their bytes.
-    const Bytes three = {1, 2, 3};
-    f::ByteCursor c(three);
-    std::uint8_t u8 = 0, four[4];
-    EXPECT_FALSE(c.copy(four, 4) || c.skip(4) || c.seek(4));
-    EXPECT_TRUE(c.pos() == 0 && c.skip(2) && c.u8(u8) && u8 == 3 && !c.u8(u8) && c.seek(3) && c.skip(0));
-    std::array<std::uint8_t, 6> raw{};
-    f::ByteWriter w(raw);
-    EXPECT_TRUE(w.u16(0x0201).u8(3).bytes(nullptr, 0).ok());
-    EXPECT_FALSE(w.u32(0x07060504).ok() || w.u8(9).ok());
-    EXPECT_EQ(raw, (std::array<std::uint8_t, 6>{1, 2, 3, 0, 0, 0}));
 }
 
 // svfGetFileSum and the stream position it leaves, against the restore's
@@ -98,10 +80,6 @@ TEST(FileUtils, SumCopyAndNaming) {
             writeBytes(path, content);
             FILE* fp = std::fopen(path.c_str(), "rb");
             EXPECT_EQ(svfGetFileSize(fp), int(size));
-            for (const Call call : {Call::Fseek, Call::Ftell}) {
-                const FailCall fail(call, EIO, path);
-                EXPECT_EQ(svfGetFileSize(fp), -1);
-            }
             for (std::size_t limit : {std::size_t{0}, std::size_t{6}, kSumBlockSize + 2, kSumMapThreshold + 1,
                                       kSumMapWindow + 1, size - 1, size, size + 3}) {
                 std::fseek(fp, 5, SEEK_SET);
@@ -139,6 +117,12 @@ TEST(FileUtils, SumCopyAndNaming) {
         const std::string keys = "/conf/brask/bum_home/bmcuser" + std::to_string(user) + "/sshpubkey4";
         EXPECT_NE(catalogue::find(catalogue::select(2), keys), nullptr) << keys;
     }
+    // A diagnostic line is cut to 2046 characters and its line feed.
+    for (const std::size_t n : {2047, 2048, 5000}) {
+        const std::string text(n, 'x');
+        EXPECT_EQ(captureOutput([&] { diag::plainError("%s", text.c_str()); }).err,
+                  text.substr(0, 2046) + "\n");
+    }
 }
 
 // The entry a writer makes of `path`'s backup copy.
@@ -173,11 +157,14 @@ TEST(Writers, BlocksHoldTheirRowsCopies) {
 
 // Backups of the scenario's /conf: a sound one equals the builders' file of
 // the same blocks with this server's identity, the SEL time and both
-// revisions; each failure has its result and error lines; nothing is left open.
+// revisions; each failure has its result and error lines; nothing is left
+// open.  (The C library fault sweep reports the other I/O failures.)
 TEST(Writers, BackupFiles) {
     const std::string archiveFailed = kErr + "svfCreateBraskArchive fail\n";
+    std::optional<FailCall> fail;
+    int writes = 0;  // fwrite calls of a sound BMC backup under /var/brask
     const tuple<std::string, std::function<void()>, int, std::string> cases[] = {
-        {"BMC backup", [] {}, 0, ""},
+        {"BMC backup", [&] { fail.emplace(Call::Fwrite, 0, "/var/brask/", 1 << 30); }, 0, ""},
         {"EFI backup", [] {}, 0, ""},
         {"FRU read refused", [] { hostIpmiFailCmd(0x11, 2, 1, 0xC1); }, -1,
          kErr + "API_ExecuteCmd Fail\n" + kErr + "svfGetProductIdFru fail(0)\n"},
@@ -190,24 +177,23 @@ TEST(Writers, BackupFiles) {
          kErr + "system cmd fail(0)\n"},
         {"block file is a folder", [] { ::mkdir("/var/brask/BMC.bak-1", 0755); }, SVF_ARCHIVE_FAIL,
          kErr + "fopen fail(21)\n" + archiveFailed},
-        {"backup not reopened", [] {}, -1, kErr + "fopen fail(13)\n"},
-        {"backup not synced", [] {}, -1, kErr + "fwrite fail(5)\n"},
-        {"copy not examined", [] {}, SVF_ARCHIVE_FAIL, kErr + "stat fail(5)\n" + archiveFailed}};
+        {"block table not written", [&] { fail.emplace(Call::Fwrite, EIO, "/var/brask/", writes - 1); }, -1,
+         kErr + "fwrite fail(5)\n"},
+        {"copy not examined", [&] { fail.emplace(Call::Stat, EIO, "/conf/"); }, SVF_ARCHIVE_FAIL,
+         kErr + "stat fail(5)\n" + archiveFailed}};
     for (const auto& [name, inject, result, err] : cases) {
+        SCOPED_TRACE(name);
         resetState();
         const auto written = populateConf({.optionalFiles = true, .backupCopies = true});
         writeBytes("/conf/brask/BIOSConfig.dat", {1, 0, 0, 0, 5, 3});
         hostSetSelTime(std::array<INT8U, 4>{1, 2, 3, 4}.data());
         inject();
-        std::optional<FailCall> fail;
-        if (name == "backup not reopened") fail.emplace(Call::Fopen, EACCES, "/var/brask/BMC.bak", 5);
-        if (name == "backup not synced") fail.emplace(Call::Fsync, EIO, "/var/brask/BMC.bak");
-        if (name == "copy not examined") fail.emplace(Call::Stat, EIO, "/conf/");
         const INT8U type = name.find("EFI") ? BMC_FILE : EFI_FILE;
         const Observed o = observe([&] { return svfCreateBraskBackupFile(type); });
+        if (name == "BMC backup") writes = fail->matched();
+        fail.reset();
         EXPECT_EQ(tuple(o.result, libraryLines(o.err), o.leakedDescriptors + o.leakedMappings),
-                  tuple(result, err, 0))
-            << name;
+                  tuple(result, err, 0));
         if (result != 0) continue;
         EXPECT_EQ(linesInOrder(o.out, {kDebug + "ModuleType = 2 1",
                                        kDebug + "UUID = b0 b1 b2 b3 b4 b5 b6 b7 b8 b9.....",
@@ -223,14 +209,6 @@ TEST(Writers, BackupFiles) {
         std::copy_n(Bytes{4, 3, 2, 1, 2, 17, 5, 3}.begin(), 8, want.begin() + 82);
         sealBackup(want);
         EXPECT_EQ(readBytes(type == BMC_FILE ? "/var/brask/BMC.bak" : "/var/brask/EFI.bak"), want);
-        // Its header and last block descriptor decode to what was encoded.
-        svfBraskBackupFileHeader_T h{};
-        svfBraskBackupFileBlockInfo_T last{};
-        ASSERT_TRUE(f::decodeBackupHeader(want, h) == Status::Ok &&
-                    f::decodeBlockInfo(want, h.NumOfBlock - 1u, last) == Status::Ok);
-        EXPECT_TRUE(std::ranges::equal(f::encodeBackupHeader(h), std::span(want).first(96)) &&
-                    std::ranges::equal(f::encodeBlockInfo(last),
-                                       std::span(want).subspan(80 + 16 * h.NumOfBlock, 16)));
     }
 }
 

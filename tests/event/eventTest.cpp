@@ -2,7 +2,6 @@
 // machine applied to a status byte, the processing flags and the status-area
 // lock handed to other components.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <cstring>
 #include <ctime>
@@ -10,9 +9,7 @@
 
 #include "BraskSvf/hostPlatformControl.h"
 #include "BraskSvf/svfApi.h"
-#include "BraskSvf/svfPlatform.h"
 #include "support/builders.h"
-#include "support/interpose.h"
 #include "support/observe.h"
 #include "support/sandbox.h"
 #include "support/scenario.h"
@@ -106,29 +103,12 @@ TEST(GetEvent, ChoosesBySlotAndStateAndAppendsOneRecord) {
     }
 }
 
-// The trace is best effort: one that cannot be opened (a folder) is
-// reported, one that cannot be made is not; the answer is the same.
-TEST(GetEvent, TraceThatCannotBeOpenedChangesNothingOfTheAnswer) {
-    setStatusByte(0, 2);
-    ASSERT_EQ(::mkdir(kTrace, 0755), 0);
-    INT8U res[8];
-    Observed o = observe([&] { return svfGetBackupRestoreEvent(nullptr, 0, res); });
-    EXPECT_EQ(tuple(o.result, o.err), tuple(8, kGetErr + "fopen fail\n"));
-    ::rmdir(kTrace);
-    FailCall noShell(Call::System, 0, "dd ");
-    o = observe([&] { return svfGetBackupRestoreEvent(nullptr, 0, res); });
-    EXPECT_EQ(tuple(o.result, o.err, res[1]), tuple(8, "", 0x12));
-}
-
 // ---- The state machine on a status byte ----------------------------------------
 
-struct SetCase {
-    INT8U now, operation;
-    INT8U stored;
-    INT32S result;
-    std::vector<std::string> err;  // after "BRASK_ERR  : svfModSvfEvent(#) : "
-    std::string out;               // the transition line(s), after the debug tag
-};
+// The state and the operation; the byte and the result after, the error
+// lines after "BRASK_ERR  : svfModSvfEvent(#) : ", the transition line(s)
+// after the debug tag.
+using SetCase = tuple<INT8U, INT8U, INT8U, INT32S, std::vector<std::string>, std::string>;
 
 const std::vector<std::string> kForced = {"UNJUST_OPERATION", "TargetStatus = BMC_FORCE_FAIL"};
 // clang-format off
@@ -152,14 +132,14 @@ const SetCase kSetCases[] = {
 // clang-format on
 
 TEST(SetSvfEvent, StoresTheNextStateOrDrivesTheByteToFailure) {
-    for (const SetCase& c : kSetCases) {
-        SCOPED_TRACE(testing::Message() << std::hex << int(c.now) << " op " << int(c.operation));
-        INT8U byte = c.now;
-        const Observed o = observe([&] { return svfSetSvfEvent(&byte, c.operation); });
+    for (const auto& [now, operation, stored, result, errors, out] : kSetCases) {
+        SCOPED_TRACE(testing::Message() << std::hex << int(now) << " op " << int(operation));
+        INT8U byte = now;
+        const Observed o = observe([&] { return svfSetSvfEvent(&byte, operation); });
         std::string err;
-        for (const std::string& e : c.err) err += "BRASK_ERR  : svfModSvfEvent(#) : " + e + "\n";
+        for (const std::string& e : errors) err += "BRASK_ERR  : svfModSvfEvent(#) : " + e + "\n";
         EXPECT_EQ(tuple(byte, o.result, o.err, o.out),
-                  tuple(c.stored, c.result, err, "BRASK_DEBUG  : svfModSvfEvent(#) : " + c.out + "\n"));
+                  tuple(stored, result, err, "BRASK_DEBUG  : svfModSvfEvent(#) : " + out + "\n"));
     }
 }
 
@@ -167,17 +147,15 @@ TEST(SetSvfEvent, StoresTheNextStateOrDrivesTheByteToFailure) {
 // leads where the acknowledgement rules say.
 TEST(SetSvfEvent, LifecycleOfAnEventGeneratedTwice) {
     INT8U byte = ST_NOTHING;
+    // clang-format off
     const std::pair<INT8U, INT8U> steps[] = {
-        {BMC_GENERATE_EVENT, ST_GENERATED},  {BMC_GENERATE_EVENT, ST_GENERATED},
-        {SVP_RESTORE_PROC_REQ, ST_STANDBY},  {SVP_BACKUP_TRANS_REQ, ST_STANDBY},
-        {BMC_GENERATE_EVENT, ST_GENERATED},  {SVP_BACKUP_TRANS_REQ, ST_STANDBY},
-        {BMC_START, ST_PROCESSING},          {SVP_RESTORE_PROC_REQ, ST_PROCESSING},
-        {BMC_GENERATE_EVENT, 0x13},          {SVP_BACKUP_TRANS_REQ, 0x13},
-        {BMC_COMPLETE_INVALID, 0x16},        {BMC_GENERATE_EVENT, 0x16},
-        {SVP_RESTORE_FAIL_OK, ST_GENERATED}, {SVP_BACKUP_TRANS_REQ, ST_STANDBY},
-        {BMC_START, ST_PROCESSING},          {BMC_COMPLETE_INVALID, ST_INVALID_DATA},
+        {BMC_GENERATE_EVENT, ST_GENERATED}, {BMC_GENERATE_EVENT, ST_GENERATED}, {SVP_RESTORE_PROC_REQ, ST_STANDBY}, {SVP_BACKUP_TRANS_REQ, ST_STANDBY},
+        {BMC_GENERATE_EVENT, ST_GENERATED}, {SVP_BACKUP_TRANS_REQ, ST_STANDBY}, {BMC_START, ST_PROCESSING}, {SVP_RESTORE_PROC_REQ, ST_PROCESSING},
+        {BMC_GENERATE_EVENT, 0x13}, {SVP_BACKUP_TRANS_REQ, 0x13}, {BMC_COMPLETE_INVALID, 0x16}, {BMC_GENERATE_EVENT, 0x16},
+        {SVP_RESTORE_FAIL_OK, ST_GENERATED}, {SVP_BACKUP_TRANS_REQ, ST_STANDBY}, {BMC_START, ST_PROCESSING}, {BMC_COMPLETE_INVALID, ST_INVALID_DATA},
         {SVP_BACKUP_TRANS_FAIL, ST_NOTHING},
     };
+    // clang-format on
     for (auto [operation, next] : steps) {
         SCOPED_TRACE(int(operation));
         captureOutput([&] { EXPECT_EQ(svfSetSvfEvent(&byte, operation), next); });
