@@ -20,6 +20,7 @@ namespace {
 
 using std::tuple;
 using Answer = std::array<INT8U, 8>;
+constexpr Answer kUnset = {0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE};  // what no call wrote
 constexpr char kTrace[] = "/conf/brask/BackRest.trs2";
 const std::string kGet = "BRASK_DEBUG  : svfOEMExeRestoreEvent(#) : ";
 const std::string kGetErr = "BRASK_ERR  : svfOEMExeRestoreEvent(#) : ";
@@ -36,14 +37,11 @@ struct GetCase {
     std::array<INT8U, 4> answer;               // completion code, EventType, FileType, Function
     int length;
     std::string line;  // the debug line naming the choice
-    // The trace before: none (made of 6416 zeros), or `size` bytes of 0x77
-    // with header index `index`; where the record goes, the index written
-    // back and the trace's size after.
-    std::size_t size = 0;
-    INT8U index = 0;
-    std::size_t at = 16;
-    INT8U next = 1;
-    std::size_t sizeAfter = 6416;
+    // The trace before: none (made of 6416 zeros), or `size` bytes of 0x77;
+    // where the record goes and the trace's size after; the header index
+    // before and the one written back.
+    std::size_t size = 0, at = 16, sizeAfter = 6416;
+    INT8U index = 0, next = 1;
 };
 
 // Pass 1 (a state above ST_GENERATED, in index order) beats pass 2 (exactly
@@ -54,10 +52,10 @@ struct GetCase {
 // clang-format off
 const GetCase kGetCases[] = {
     {"nothing", {}, {0x80, 0, 0, 0}, 1, "Event All NOTHING"},
-    {"running beats waiting", {{3, 1}, {6, 2}}, {0, 0x02, 0, 0}, 8, "Backup.Auto.Efi > ST_GENERATED", 6416, 199, 16 + 199 * 32, 200},
-    {"index order in pass 1", {{11, 4}, {2, 0x16}}, {0, 0x16, 0, 1}, 8, "Restore.SvpConsole.Efi > ST_GENERATED", 6416, 200, 6416, 0, 6444},
-    {"state taken unsigned", {{9, 0xF3}}, {0, 0x03, 1, 1}, 8, "Backup.SvpConsole.Bmc > ST_GENERATED", 6416, 201},
-    {"restore adds 0x10", {{5, 0x13}}, {0, 0x13, 1, 2}, 8, "Restore.BmcConsole.Bmc > ST_GENERATED", 3, 0, 16, 1, 16 + 28},
+    {"running beats waiting", {{3, 1}, {6, 2}}, {0, 0x02, 0, 0}, 8, "Backup.Auto.Efi > ST_GENERATED", 6416, 16 + 199 * 32, 6416, 199, 200},
+    {"index order in pass 1", {{11, 4}, {2, 0x16}}, {0, 0x16, 0, 1}, 8, "Restore.SvpConsole.Efi > ST_GENERATED", 6416, 6416, 6444, 200, 0},
+    {"state taken unsigned", {{9, 0xF3}}, {0, 0x03, 1, 1}, 8, "Backup.SvpConsole.Bmc > ST_GENERATED", 6416, 16, 6416, 201},
+    {"restore adds 0x10", {{5, 0x13}}, {0, 0x13, 1, 2}, 8, "Restore.BmcConsole.Bmc > ST_GENERATED", 3, 16, 16 + 28},
     {"backup state low nibble", {{11, 0x16}}, {0, 0x06, 1, 2}, 8, "Backup.BmcConsole.Bmc > ST_GENERATED"},
     {"auto backups last", {{7, 1}, {8, 1}}, {0, 0x01, 0, 1}, 8, "Backup.SvpConsole.Efi == ST_GENERATED"},
     {"restores first in pass 2", {{10, 1}, {4, 1}}, {0, 0x11, 0, 2}, 8, "Restore.BmcConsole.Efi == ST_GENERATED"},
@@ -73,14 +71,11 @@ TEST(GetEvent, ChoosesBySlotAndStateAndAppendsOneRecord) {
         resetState();
         hslSemiVolatileArea_T before = area();
         for (auto [slot, state] : c.slots) before.svf.svfStatusList[slot] = state;
-        before.svf.RestoreAddedInfo = 0x5C;
-        before.svf.Reserve[0] = 0xA1;
-        before.svf.Reserve[2] = 0xA3;
+        before.svf.RestoreAddedInfo = 0x5C, before.svf.Reserve[0] = 0xA1, before.svf.Reserve[2] = 0xA3;
         ASSERT_EQ(hostSemiVolWrite(&before), 0);
         Bytes trace(c.size, 0x77);
         if (c.size) trace[0] = c.index, writeBytes(kTrace, trace);
-        Answer res;
-        res.fill(0xEE);
+        Answer res = kUnset;
         const Observed o = observe([&] { return svfGetBackupRestoreEvent(nullptr, 0, res.data()); });
         const auto [cc, type, file, function] = c.answer;
         const Answer want = {cc, type, file, function, 0x5C, 0xA1, 0, 0xA3};
@@ -141,11 +136,8 @@ TEST(SetSvfEvent, StoresTheNextStateOrDrivesTheByteToFailure) {
         EXPECT_EQ(tuple(byte, o.result, o.err, o.out),
                   tuple(stored, result, err, "BRASK_DEBUG  : svfModSvfEvent(#) : " + out + "\n"));
     }
-}
-
-// Every operation is accepted from every state the lifecycle reaches, and
-// leads where the acknowledgement rules say.
-TEST(SetSvfEvent, LifecycleOfAnEventGeneratedTwice) {
+    // Every operation is accepted from every state the lifecycle of an event
+    // generated twice reaches, and leads where the acknowledgement rules say.
     INT8U byte = ST_NOTHING;
     // clang-format off
     const std::pair<INT8U, INT8U> steps[] = {
@@ -174,7 +166,6 @@ TEST(StatusArea, EachFlagIsOneByteAndTheOldValueComesBack) {
         {7, 2, offsetof(svfAutoBack_T, EfiRestoreFlag), "REST , EFI_FILE"},
     };
     for (const auto& [fileType, mode, offset, label] : flags) {
-        SCOPED_TRACE(label);
         hslSemiVolatileArea_T want = area();
         for (const int set : {0x5A, 0}) {
             INT8U& flag = reinterpret_cast<INT8U*>(&want.svfAutoBack)[offset];
@@ -201,24 +192,24 @@ TEST(StatusArea, LockStepFailures) {
     Mutex_T* mutex = nullptr;
     hslSemiVolatileMng_T mng{};
     hslSemiVolatileArea_T* mapped = nullptr;
-    Answer res;
+    Answer res = kUnset;
     for (const auto& [call, code, line] : cases) {
         SCOPED_TRACE(call);
         hostResetFaults();
         ASSERT_EQ(hostFailCall(call, 0, 3, EPERM), 0);
-        res.fill(0xEE);
-        Observed o = observe([&] { return svfGetBackupRestoreEvent(nullptr, 0, res.data()); });
-        EXPECT_EQ(tuple(o.result, res, o.err, o.changes), tuple(1, Answer{code}, kGetErr + line, ""));
-        o = observe([] { return svfSetChkBkupRestProcessingFlag(1, BMC_FILE, 1); });
-        EXPECT_EQ(tuple(o.result, o.err),
-                  tuple(-1, set + line + set + "svfGetMutexAndSemiVolatileArea Fail\n"));
-        o = observe([&] { return svfGetMutexAndSemiVolatileArea(&mutex, &mng, &mapped); });
-        EXPECT_EQ(tuple(o.result, o.err, o.leakedMappings), tuple(-1, set + line, 0));
+        res = kUnset;
+        const Observed get = observe([&] { return svfGetBackupRestoreEvent(nullptr, 0, res.data()); });
+        const Observed flag = observe([] { return svfSetChkBkupRestProcessingFlag(1, BMC_FILE, 1); });
+        const Observed lock = observe([&] { return svfGetMutexAndSemiVolatileArea(&mutex, &mng, &mapped); });
+        EXPECT_EQ(tuple(get.result, res, get.changes, flag.result, lock.result, lock.leakedMappings),
+                  tuple(1, Answer{code}, "", -1, -1, 0));
+        EXPECT_EQ(get.err + flag.err + lock.err,
+                  kGetErr + line + set + line + set + "svfGetMutexAndSemiVolatileArea Fail\n" + set + line);
     }
     // Request data, or nowhere to put a handle: refused before the lock.
     hostResetFaults();
     INT8U req[1] = {0};
-    res.fill(0xEE);
+    res = kUnset;
     const Observed o = observe([&] { return svfGetBackupRestoreEvent(req, 1, res.data()); });
     EXPECT_EQ(tuple(o.result, res, o.err, o.changes),
               tuple(1, Answer{0xC7}, kGetErr + "Request Length Error(1)\n", ""));
