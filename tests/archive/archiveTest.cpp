@@ -33,21 +33,19 @@ const std::string kErr = "BRASK_ERR  : svfBraskArchiver(#) : ",
 
 using Lines = std::vector<std::string>;  // the library's error lines, in order
 
-// An entry whose descriptor states `offset` and `size` whatever follows it.
-StoredEntry lying(const std::string& name, std::uint32_t offset, std::int32_t size) {
-    return {.name = name, .data = {}, .fileOffset = offset, .fileSize = size};
-}
-
 // The walk's boundaries the block reader's rows (restore suite) do not reach:
 // a data offset on the last byte of its descriptor, one past the block's end,
-// input shorter than a block header, the bytes after the last entry.
+// input shorter than a block header, the bytes after the last entry.  The
+// entries named "x" state their data's offset whatever follows them.
 TEST(Format, DamagedBlocksStopTheWalk) {
     const StoredEntry a = entry("/conf/a", "abc", 0100640), b = entry("/conf/ab", "", 0100600);
+    // clang-format off
     const tuple<Bytes, f::Status, unsigned, std::size_t> cases[] = {
         {block({a, b}, {7, 7}), f::Status::Ok, 2, 2},
-        {block({a, lying("x", 61, 0)}), f::Status::OffsetBeforeName, 1, 0},
-        {block({lying("x", 30, 0)}), f::Status::Truncated, 0, 0},
+        {block({a, {.name = "x", .data = {}, .fileOffset = 61, .fileSize = 0}}), f::Status::OffsetBeforeName, 1, 0},
+        {block({{.name = "x", .data = {}, .fileOffset = 30, .fileSize = 0}}), f::Status::Truncated, 0, 0},
         {Bytes{1, 0, 0, 0, 0, 0, 0}, f::Status::Truncated, 0, 0}};
+    // clang-format on
     for (const auto& [bytes, status, decoded, trailing] : cases) {
         f::ArchiveEntryWalk walk(bytes);
         for (f::ArchiveEntry e; walk.next(e);) continue;
