@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <numeric>
 #include <optional>
 #include <tuple>
@@ -16,6 +15,7 @@
 #include "archive/fileUtils.h"
 #include "archive/format.h"
 #include "archive/writers.h"
+#include "common/diag.h"
 #include "support/builders.h"
 #include "support/interpose.h"
 #include "support/observe.h"
@@ -27,63 +27,35 @@ namespace brask::test {
 namespace {
 
 namespace f = brask::format;
-using f::Status;
 using std::tuple;
 const std::string kErr = "BRASK_ERR  : svfBraskArchiver(#) : ",
                   kDebug = "BRASK_DEBUG  : svfBraskArchiver(#) : ";
 
-// The library's own lines; the shell commands it runs print theirs.
-std::string libraryLines(const std::string& text) {
-    std::string out;
-    for (const std::string& line : errorLines(text)) out += line + "\n";
-    return out;
-}
+using Lines = std::vector<std::string>;  // the library's error lines, in order
 
-// An entry whose descriptor states `offset` and `size` whatever follows it.
-StoredEntry lying(const std::string& name, std::uint32_t offset, std::int32_t size) {
-    return {.name = name, .data = {}, .fileOffset = offset, .fileSize = size};
-}
-
+// The walk's boundaries the block reader's rows (restore suite) do not reach:
+// a data offset on the last byte of its descriptor, one past the block's end,
+// input shorter than a block header, the bytes after the last entry.  The
+// entries named "x" state their data's offset whatever follows them.
 TEST(Format, DamagedBlocksStopTheWalk) {
     const StoredEntry a = entry("/conf/a", "abc", 0100640), b = entry("/conf/ab", "", 0100600);
-    const tuple<Bytes, Status, unsigned, std::size_t> cases[] = {
-        {block({a, b}, {7, 7}), Status::Ok, 2, 2},
-        {block({lying(std::string(151, 'n'), 179, 0)}), Status::Ok, 1, 0},
-        {block({lying(std::string(152, 'n'), 180, 0)}), Status::NameTooLong, 0, 0},
-        {block({a, lying("x", 61, 0)}), Status::OffsetBeforeName, 1, 0},
-        {block({lying("x", 29, -1)}, {1, 2, 3, 4}), Status::NegativeSize, 0, 0},
-        {block({lying("x", 29, 5)}, {1, 2, 3, 4}), Status::DataPastEnd, 0, 0},
-        {block({lying("x", 30, 0)}), Status::Truncated, 0, 0},
-        {block({a, b}, {}, 3), Status::Truncated, 2, 0},
-        {Bytes{1, 0, 0, 0, 0, 0, 0}, Status::Truncated, 0, 0}};
+    // clang-format off
+    const tuple<Bytes, f::Status, unsigned, std::size_t> cases[] = {
+        {block({a, b}, {7, 7}), f::Status::Ok, 2, 2},
+        {block({a, {.name = "x", .data = {}, .fileOffset = 61, .fileSize = 0}}), f::Status::OffsetBeforeName, 1, 0},
+        {block({{.name = "x", .data = {}, .fileOffset = 30, .fileSize = 0}}), f::Status::Truncated, 0, 0},
+        {Bytes{1, 0, 0, 0, 0, 0, 0}, f::Status::Truncated, 0, 0}};
+    // clang-format on
     for (const auto& [bytes, status, decoded, trailing] : cases) {
         f::ArchiveEntryWalk walk(bytes);
         for (f::ArchiveEntry e; walk.next(e);) continue;
         EXPECT_EQ(tuple(walk.status(), walk.decoded(), walk.trailingBytes()),
                   tuple(status, decoded, trailing));
     }
-    // Every field decodes as the encoder put it.
-    const Bytes good = block({a, b});
-    f::ArchiveEntry e;
-    ASSERT_EQ(f::decodeArchiveEntry(good, f::kArchiveHeaderSize, e), Status::Ok);
-    EXPECT_EQ(tuple(e.info.FilePermission, e.info.FileUid, e.info.FileGid, e.name,
-                    Bytes(e.data.begin(), e.data.end())),
-              tuple(0100640u, ::getuid(), ::getgid(), "/conf/a.bak", bytesOf("abc")));
     // Four bytes with a zero count are too short for any block: read as a
     // backup file; with a count, as a block (then refused as truncated).
     EXPECT_EQ(tuple(f::classifyContent(Bytes{1, 0, 0, 0}), f::classifyContent(Bytes{1, 0, 1, 0})),
               tuple(f::ContentKind::BackupFile, f::ContentKind::ArchiveBlock));
-    // The cursor and the writer never move past their bytes.
-    const Bytes three = {1, 2, 3};
-    f::ByteCursor c(three);
-    std::uint8_t u8 = 0, four[4];
-    EXPECT_FALSE(c.copy(four, 4) || c.skip(4) || c.seek(4));
-    EXPECT_TRUE(c.pos() == 0 && c.skip(2) && c.u8(u8) && u8 == 3 && !c.u8(u8) && c.seek(3) && c.skip(0));
-    std::array<std::uint8_t, 6> raw{};
-    f::ByteWriter w(raw);
-    EXPECT_TRUE(w.u16(0x0201).u8(3).bytes(nullptr, 0).ok());
-    EXPECT_FALSE(w.u32(0x07060504).ok() || w.u8(9).ok());
-    EXPECT_EQ(raw, (std::array<std::uint8_t, 6>{1, 2, 3, 0, 0, 0}));
 }
 
 // svfGetFileSum and the stream position it leaves, against the restore's
@@ -98,10 +70,6 @@ TEST(FileUtils, SumCopyAndNaming) {
             writeBytes(path, content);
             FILE* fp = std::fopen(path.c_str(), "rb");
             EXPECT_EQ(svfGetFileSize(fp), int(size));
-            for (const Call call : {Call::Fseek, Call::Ftell}) {
-                const FailCall fail(call, EIO, path);
-                EXPECT_EQ(svfGetFileSize(fp), -1);
-            }
             for (std::size_t limit : {std::size_t{0}, std::size_t{6}, kSumBlockSize + 2, kSumMapThreshold + 1,
                                       kSumMapWindow + 1, size - 1, size, size + 3}) {
                 std::fseek(fp, 5, SEEK_SET);
@@ -116,28 +84,35 @@ TEST(FileUtils, SumCopyAndNaming) {
     // error lines.
     const std::string p147 = "/" + std::string(146, 'p'), a160 = "/conf/" + std::string(154, 'c');
     for (const std::string& path : {std::string("/conf/key"), a160}) writeFile(path, "secret\n", 0600);
+    // (The shell commands the copy runs print their own complaints.)
     const tuple<int (*)(char*, char*), std::string, std::string, int, std::string, std::string> cases[] = {
         {svfExeCopyCmd, "/conf/key", "/conf/key.bak", 0, "secret\n", ""},
-        {svfExeCopyCmd, "/conf/missing", "/conf/missing.bak", -1, "", "system cmd fail(2)\n"},
-        {svfExeCopyCmd, a160, "/conf/" + std::string(154, 'd'), -1, "", "Command make fail.(36)\n"},
+        {svfExeCopyCmd, "/conf/missing", "/conf/missing.bak", -1, "", "system cmd fail(2)"},
+        {svfExeCopyCmd, a160, "/conf/" + std::string(154, 'd'), -1, "", "Command make fail.(36)"},
         {svfGetBackupFilePass, p147, "", 0, p147 + ".bak", ""},
-        {svfGetBackupFilePass, p147 + "p", "", -1, "", "path too long for .bak\n"},
+        {svfGetBackupFilePass, p147 + "p", "", -1, "", "path too long for .bak"},
         {svfGetBackupFileName, "/conf/brask/net.cfg", "", 0, "net.cfg.bak", ""},
-        {svfGetBackupFileName, "net.cfg", "", -1, "", "strrchr fail(2)\n"},
+        {svfGetBackupFileName, "net.cfg", "", -1, "", "strrchr fail(2)"},
         {svfGetActiveFilePass, "/conf/x.bak.d/y.bak", "", 0, "/conf/x", ""},  // the first ".bak"
-        {svfGetActiveFilePass, "/conf/passwd", "", -1, "/conf/passwd", ".bak Unmatch\n"}};
+        {svfGetActiveFilePass, "/conf/passwd", "", -1, "/conf/passwd", ".bak Unmatch"}};
     for (auto [fn, in, dst, result, out, err] : cases) {
         char buf[320] = {};
         const bool copy = fn == svfExeCopyCmd;
         const Observed o = observe([&] { return fn(in.data(), copy ? dst.data() : buf); });
-        EXPECT_EQ(tuple(o.result, copy ? readFile(dst) : std::string(buf), libraryLines(o.err)),
-                  tuple(result, out, err.empty() ? "" : kErr + err));
+        EXPECT_EQ(tuple(o.result, copy ? readFile(dst) : std::string(buf), errorLines(o.err)),
+                  tuple(result, out, err.empty() ? Lines{} : Lines{kErr + err}));
     }
     // Any non-zero firmware type is BMC; the user rows are named by number.
     EXPECT_EQ(catalogue::select(0xFF).rows, BmcBackupFileList);
     for (int user = 0; user < 12; ++user) {
         const std::string keys = "/conf/brask/bum_home/bmcuser" + std::to_string(user) + "/sshpubkey4";
         EXPECT_NE(catalogue::find(catalogue::select(2), keys), nullptr) << keys;
+    }
+    // A diagnostic line is cut to 2046 characters and its line feed.
+    for (const std::size_t n : {2047, 2048, 5000}) {
+        const std::string text(n, 'x');
+        EXPECT_EQ(captureOutput([&] { diag::plainError("%s", text.c_str()); }).err,
+                  text.substr(0, 2046) + "\n");
     }
 }
 
@@ -151,12 +126,11 @@ StoredEntry stored(const std::string& path) {
 // Blocks of explicit catalogues: missing optional copies skipped, only the
 // first numOfFiles rows packed, the block limit.
 TEST(Writers, BlocksHoldTheirRowsCopies) {
-    writeFile("/conf/a.bak", "abc", 0640);
-    writeFile("/conf/ab.bak", "", 0600);
-    const BackupFileList_T rows[] = {{"/conf/a", STATIC, 0, 0, 1, {}},
-                                     {"/conf/n", DYNAMIC, 0, 0, 0, {}},
-                                     {"/conf/ab", STATIC, 0, 0, 1, {}},
-                                     {"/conf/x", DYNAMIC, 0, 0, 1, {}}};
+    writeFile("/conf/a.bak", "abc", 0640), writeFile("/conf/ab.bak", "", 0600);
+    // clang-format off
+    const BackupFileList_T rows[] = {{"/conf/a", STATIC, 0, 0, 1, {}}, {"/conf/n", DYNAMIC, 0, 0, 0, {}},
+                                     {"/conf/ab", STATIC, 0, 0, 1, {}}, {"/conf/x", DYNAMIC, 0, 0, 1, {}}};
+    // clang-format on
     const std::pair<int, std::vector<StoredEntry>> cases[] = {
         {500, {stored("/conf/a"), stored("/conf/ab")}}, {1, {stored("/conf/a")}}, {0, {}}};
     for (const auto& [files, entries] : cases) {
@@ -173,41 +147,39 @@ TEST(Writers, BlocksHoldTheirRowsCopies) {
 
 // Backups of the scenario's /conf: a sound one equals the builders' file of
 // the same blocks with this server's identity, the SEL time and both
-// revisions; each failure has its result and error lines; nothing is left open.
+// revisions; each failure has its result and error lines; nothing is left
+// open.  (The C library fault sweep reports the other I/O failures.)
 TEST(Writers, BackupFiles) {
-    const std::string archiveFailed = kErr + "svfCreateBraskArchive fail\n";
-    const tuple<std::string, std::function<void()>, int, std::string> cases[] = {
-        {"BMC backup", [] {}, 0, ""},
-        {"EFI backup", [] {}, 0, ""},
-        {"FRU read refused", [] { hostIpmiFailCmd(0x11, 2, 1, 0xC1); }, -1,
-         kErr + "API_ExecuteCmd Fail\n" + kErr + "svfGetProductIdFru fail(0)\n"},
-        {"SEL time refused", [] { hostIpmiFailCmd(0x48, 0, 1, 0xC1); }, -1, kErr + "API_ExecuteCmd Fail\n"},
-        {"FwInfo missing", [] { removeFwInfo(); }, -1, ""},
-        {"EFI without BIOS configuration", [] { ::unlink("/conf/brask/BIOSConfig.dat"); }, -1, ""},
-        {"mandatory copy missing", [] { ::unlink("/conf/passwd.bak"); }, SVF_ARCHIVE_MISSING_FILE,
-         kErr + "fopen fail(2)\n" + archiveFailed},
-        {"backup is a folder", [] { ::mkdir("/var/brask/BMC.bak", 0755); }, -1,
-         kErr + "system cmd fail(0)\n"},
-        {"block file is a folder", [] { ::mkdir("/var/brask/BMC.bak-1", 0755); }, SVF_ARCHIVE_FAIL,
-         kErr + "fopen fail(21)\n" + archiveFailed},
-        {"backup not reopened", [] {}, -1, kErr + "fopen fail(13)\n"},
-        {"backup not synced", [] {}, -1, kErr + "fwrite fail(5)\n"},
-        {"copy not examined", [] {}, SVF_ARCHIVE_FAIL, kErr + "stat fail(5)\n" + archiveFailed}};
+    const std::string archiveFailed = kErr + "svfCreateBraskArchive fail";
+    std::optional<FailCall> fail;
+    int writes = 0;  // fwrite calls of a sound BMC backup under /var/brask
+    // clang-format off
+    const tuple<std::string, std::function<void()>, int, Lines> cases[] = {
+        {"BMC backup", [&] { fail.emplace(Call::Fwrite, 0, "/var/brask/", 1 << 30); }, 0, {}},
+        {"EFI backup", [] {}, 0, {}},
+        {"FRU read refused", [] { hostIpmiFailCmd(0x11, 2, 1, 0xC1); }, -1, {kErr + "API_ExecuteCmd Fail", kErr + "svfGetProductIdFru fail(0)"}},
+        {"SEL time refused", [] { hostIpmiFailCmd(0x48, 0, 1, 0xC1); }, -1, {kErr + "API_ExecuteCmd Fail"}},
+        {"FwInfo missing", [] { removeFwInfo(); }, -1, {}},
+        {"EFI without BIOS configuration", [] { ::unlink("/conf/brask/BIOSConfig.dat"); }, -1, {}},
+        {"mandatory copy missing", [] { ::unlink("/conf/passwd.bak"); }, SVF_ARCHIVE_MISSING_FILE, {kErr + "fopen fail(2)", archiveFailed}},
+        {"backup is a folder", [] { ::mkdir("/var/brask/BMC.bak", 0755); }, -1, {kErr + "system cmd fail(0)"}},
+        {"block file is a folder", [] { ::mkdir("/var/brask/BMC.bak-1", 0755); }, SVF_ARCHIVE_FAIL, {kErr + "fopen fail(21)", archiveFailed}},
+        {"block table not written", [&] { fail.emplace(Call::Fwrite, EIO, "/var/brask/", writes - 1); }, -1, {kErr + "fwrite fail(5)"}},
+        {"copy not examined", [&] { fail.emplace(Call::Stat, EIO, "/conf/"); }, SVF_ARCHIVE_FAIL, {kErr + "stat fail(5)", archiveFailed}}};
+    // clang-format on
     for (const auto& [name, inject, result, err] : cases) {
+        SCOPED_TRACE(name);
         resetState();
         const auto written = populateConf({.optionalFiles = true, .backupCopies = true});
         writeBytes("/conf/brask/BIOSConfig.dat", {1, 0, 0, 0, 5, 3});
         hostSetSelTime(std::array<INT8U, 4>{1, 2, 3, 4}.data());
         inject();
-        std::optional<FailCall> fail;
-        if (name == "backup not reopened") fail.emplace(Call::Fopen, EACCES, "/var/brask/BMC.bak", 5);
-        if (name == "backup not synced") fail.emplace(Call::Fsync, EIO, "/var/brask/BMC.bak");
-        if (name == "copy not examined") fail.emplace(Call::Stat, EIO, "/conf/");
         const INT8U type = name.find("EFI") ? BMC_FILE : EFI_FILE;
         const Observed o = observe([&] { return svfCreateBraskBackupFile(type); });
-        EXPECT_EQ(tuple(o.result, libraryLines(o.err), o.leakedDescriptors + o.leakedMappings),
-                  tuple(result, err, 0))
-            << name;
+        if (name == "BMC backup") writes = fail->matched();
+        fail.reset();
+        EXPECT_EQ(tuple(o.result, errorLines(o.err), o.leakedDescriptors + o.leakedMappings),
+                  tuple(result, err, 0));
         if (result != 0) continue;
         EXPECT_EQ(linesInOrder(o.out, {kDebug + "ModuleType = 2 1",
                                        kDebug + "UUID = b0 b1 b2 b3 b4 b5 b6 b7 b8 b9.....",
@@ -223,14 +195,6 @@ TEST(Writers, BackupFiles) {
         std::copy_n(Bytes{4, 3, 2, 1, 2, 17, 5, 3}.begin(), 8, want.begin() + 82);
         sealBackup(want);
         EXPECT_EQ(readBytes(type == BMC_FILE ? "/var/brask/BMC.bak" : "/var/brask/EFI.bak"), want);
-        // Its header and last block descriptor decode to what was encoded.
-        svfBraskBackupFileHeader_T h{};
-        svfBraskBackupFileBlockInfo_T last{};
-        ASSERT_TRUE(f::decodeBackupHeader(want, h) == Status::Ok &&
-                    f::decodeBlockInfo(want, h.NumOfBlock - 1u, last) == Status::Ok);
-        EXPECT_TRUE(std::ranges::equal(f::encodeBackupHeader(h), std::span(want).first(96)) &&
-                    std::ranges::equal(f::encodeBlockInfo(last),
-                                       std::span(want).subspan(80 + 16 * h.NumOfBlock, 16)));
     }
 }
 
@@ -258,13 +222,12 @@ TEST(Identity, ReadsRevisionsAndRewrite) {
     // the rewrite's last read and its third write.
     const auto readId = [&] { return svfGetProductIdFru(id); };
     const auto rewrite = [&] { return svfModFruProductInfoArea(model.data(), serial.data()); };
+    // clang-format off
     const tuple<std::function<int()>, INT8U, int, int> refused[] = {
-        {readId, 0x11, 0, 0}, {readId, 0x11, 1, 1},  {readId, 0x11, 2, 2},
-        {readId, 0x11, 3, 3}, {rewrite, 0x11, 5, 5}, {rewrite, 0x12, 2, 8}};
+        {readId, 0x11, 0, 0}, {readId, 0x11, 1, 1}, {readId, 0x11, 2, 2}, {readId, 0x11, 3, 3}, {rewrite, 0x11, 5, 5}, {rewrite, 0x12, 2, 8}};
+    // clang-format on
     for (const auto& [call, cmd, skip, served] : refused) {
-        hostResetFaults();
-        hostFruClearAccessLog();
-        hostIpmiFailCmd(cmd, skip, 1, 0xC1);
+        hostResetFaults(), hostFruClearAccessLog(), hostIpmiFailCmd(cmd, skip, 1, 0xC1);
         const Observed o = observe(call);
         hostFruAccess_T log[16];
         EXPECT_EQ(tuple(o.result, o.err, hostFruAccessLog(log, 16)),
