@@ -5,7 +5,7 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <sstream>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -20,27 +20,20 @@ class FreshState : public ::testing::EmptyTestEventListener {
 // BRASK_TEST_WRAPPER holds words that run the suite inside the sandbox, for
 // example "valgrind --error-exitcode=1 --leak-check=full": the checker must
 // wrap the process inside, as bubblewrap itself cannot run under it.  The
-// first process inside re-executes itself through them, once.
+// first process inside re-executes itself through them, once, by the path of
+// its binary (/proc/self/exe would name the checker once it runs).
 void runThroughWrapper(char** argv) {
     const char* wrapper = std::getenv("BRASK_TEST_WRAPPER");
     if (wrapper == nullptr || *wrapper == '\0' || std::getenv("BRASK_TEST_WRAPPED") != nullptr) return;
-    std::vector<std::string> words;
-    std::istringstream in(wrapper);
-    for (std::string w; in >> w;) words.push_back(w);
-    // The binary's own path: /proc/self/exe would name the checker once it runs.
-    char exe[4096];
-    const ssize_t n = ::readlink("/proc/self/exe", exe, sizeof exe - 1);
-    if (n <= 0) return;
-    exe[n] = '\0';
-    words.emplace_back(exe);
-    for (int i = 1; argv[i] != nullptr; ++i) words.emplace_back(argv[i]);
-    std::vector<char*> args;
-    for (std::string& w : words) args.push_back(w.data());
+    std::string exe = std::filesystem::read_symlink("/proc/self/exe").string();
+    std::string script = "exec $BRASK_TEST_WRAPPER \"$0\" \"$@\"";
+    std::vector<char*> args = {const_cast<char*>("sh"), const_cast<char*>("-c"), script.data(), exe.data()};
+    for (int i = 1; argv[i] != nullptr; ++i) args.push_back(argv[i]);
     args.push_back(nullptr);
     ::setenv("BRASK_TEST_WRAPPED", "1", 1);
     std::fflush(nullptr);
-    ::execvp(args[0], args.data());
-    std::fprintf(stderr, "cannot start %s from BRASK_TEST_WRAPPER\n", args[0]);
+    ::execvp("sh", args.data());
+    std::fprintf(stderr, "cannot start %s from BRASK_TEST_WRAPPER\n", wrapper);
     std::exit(127);
 }
 

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "BraskSvf/svfApi.h"
 #include "sandbox/scenario.h"
 
 namespace brask::test {
@@ -17,6 +18,8 @@ using sandbox::writeBytes;
 using sandbox::writeFile;
 
 // sandbox::populateConf over BmcBackupFileList.
-std::vector<std::string> populateConf(const ScenarioOptions& options = {});
+inline std::vector<std::string> populateConf(const ScenarioOptions& options = {}) {
+    return sandbox::populateConf(BmcBackupFileList, options);
+}
 
 }  // namespace brask::test
