@@ -56,6 +56,10 @@ TEST(Format, DamagedBlocksStopTheWalk) {
     // backup file; with a count, as a block (then refused as truncated).
     EXPECT_EQ(tuple(f::classifyContent(Bytes{1, 0, 0, 0}), f::classifyContent(Bytes{1, 0, 1, 0})),
               tuple(f::ContentKind::BackupFile, f::ContentKind::ArchiveBlock));
+    // A data offset is a 32-bit field: the last one it holds, then none.
+    std::uint32_t at = 0;
+    EXPECT_TRUE(f::entryDataOffset(UINT32_MAX - 21, 1, at) && at == UINT32_MAX);
+    EXPECT_FALSE(f::entryDataOffset(UINT32_MAX - 20, 1, at));
 }
 
 // svfGetFileSum and the stream position it leaves, against the restore's
@@ -93,6 +97,7 @@ TEST(FileUtils, SumCopyAndNaming) {
         {svfGetBackupFilePass, p147 + "p", "", -1, "", "path too long for .bak"},
         {svfGetBackupFileName, "/conf/brask/net.cfg", "", 0, "net.cfg.bak", ""},
         {svfGetBackupFileName, "net.cfg", "", -1, "", "strrchr fail(2)"},
+        {svfGetBackupFileName, p147 + "pp", "", -1, "", "path too long for .bak"},
         {svfGetActiveFilePass, "/conf/x.bak.d/y.bak", "", 0, "/conf/x", ""},  // the first ".bak"
         {svfGetActiveFilePass, "/conf/passwd", "", -1, "/conf/passwd", ".bak Unmatch"}};
     for (auto [fn, in, dst, result, out, err] : cases) {
