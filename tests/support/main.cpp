@@ -40,7 +40,7 @@ void runThroughWrapper(char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    brask::test::enterSandbox(argc, argv);
+    brask::sandbox::enterSandbox(argc, argv);
     runThroughWrapper(argv);
     ::testing::InitGoogleTest(&argc, argv);
     ::testing::UnitTest::GetInstance()->listeners().Append(new FreshState);

@@ -10,16 +10,8 @@
 
 namespace brask::test {
 
-using sandbox::canChown;
-using sandbox::commandLog;
-using sandbox::insideSandbox;
-using sandbox::kCommandLog;
-using sandbox::kFwInfoFile;
-using sandbox::removeFwInfo;
-using sandbox::setFwInfo;
-
-// Re-executes argv in a temporary sandbox removed afterwards.
-inline void enterSandbox(int argc, char** argv) { sandbox::enterSandbox(argc, argv); }
+// The sandbox core (probes, controls, file helpers) as the test layer's own.
+using namespace sandbox;
 
 // sandbox::resetTree(), then /var/hsl with hostPlatformInit(); clears the
 // library's countdowns and pending restore and the host platform's fault

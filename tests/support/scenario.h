@@ -10,12 +10,7 @@
 
 namespace brask::test {
 
-using sandbox::exists;
-using sandbox::readBytes;
-using sandbox::readFile;
-using sandbox::ScenarioOptions;
-using sandbox::writeBytes;
-using sandbox::writeFile;
+using namespace sandbox;
 
 // sandbox::populateConf over BmcBackupFileList.
 inline std::vector<std::string> populateConf(const ScenarioOptions& options = {}) {
