@@ -119,6 +119,12 @@ TEST(FileUtils, SumCopyAndNaming) {
         EXPECT_EQ(captureOutput([&] { diag::plainError("%s", text.c_str()); }).err,
                   text.substr(0, 2046) + "\n");
     }
+    // A short write carries on where it stopped; one that writes nothing gives up.
+    for (const auto& [err, wrote, left] : {tuple(0, 3L, "def\n"), tuple(EINTR, 0L, "")}) {
+        FailCall once(Call::Write, err);
+        once.returning(wrote);
+        EXPECT_EQ(captureOutput([] { diag::plainError("abcdef\n"); }).err, left) << err;
+    }
 }
 
 // The entry a writer makes of `path`'s backup copy.
@@ -216,7 +222,15 @@ TEST(Identity, ReadsRevisionsAndRewrite) {
         std::copy_n(image.begin() + from, n, want.begin() + at);
     EXPECT_EQ(header, want);
     Bytes model(32, 'M'), serial(20, 'S');
-    ASSERT_EQ(svfModFruProductInfoArea(model.data(), serial.data()), 0);
+    hostFruClearAccessLog();
+    const Observed rewritten = observe([&] { return svfModFruProductInfoArea(model.data(), serial.data()); });
+    hostFruAccess_T all[16];
+    const std::vector<std::string> out = lines(rewritten.out);
+    // Each of the area's pieces read, then written, each announced.
+    EXPECT_EQ(tuple(rewritten.result, hostFruAccessLog(all, 16),
+                    std::count_if(out.begin(), out.end(),
+                                  [](const std::string& l) { return l.find("ReadWriteSize") != l.npos; })),
+              tuple(0, 12, 12));
     std::fill(image.begin() + 0xA0, image.begin() + 0xC0, 'M');
     std::fill(image.begin() + 0xCC, image.begin() + 0xE0, 'S');
     image[0xEE] = std::uint8_t(0u - std::accumulate(image.begin() + 0x80, image.begin() + 0xEE, 0u));

@@ -120,6 +120,7 @@ const DiffRow kDiffRows[] = {
     // An active file read in part is compared as read; the copy then takes it whole.
     {"users: active cut", [] { flip(kUsers, 100, true); }, 1, usersBak(100, 100), "bumReadUserInfoInternal: fread() for attr failed. Success\n"},
     {"users: record too long", [] { flip(kUsers, 64); }, 1, usersBak(64)},
+    {"users: active not closed", [] { flip(bak(kUsers), 72); }, 1, usersBak(72), "bumReadUserInfoInternal: fclose() failed. Input/output error\n", "", Fault{Call::Fclose, kUsers, 2}},
     {"users: active unreadable", [] { flip(bak(kUsers), 72); }, 1, usersBak(72), "bumReadUserInfoInternal: fopen() failed. Input/output error\n", "", Fault{Call::Fopen, kUsers, 3}},
     {"FRU read afresh", fruPair, 1, kFruData + "changed " + bak(kFru) + kFruData.substr(33), "", kFruRet + "1"},
     {"FRU unreadable", [] { fruPair(), hostIpmiFailCmd(0x10, 0, 1, 0xC1); }, -1, "", "", kFruRet + "-1"},
@@ -183,6 +184,8 @@ TEST(BiosConfigComparer, ComparesTheRegionBeforeTheFirstTypeTwoSection) {
         // A damaged active file.
         {{1, 0x20, 0}, base, -2}, {Bytes(base.begin(), base.begin() + 10), base, -2},
         {bios(0x100, {{1, 3, 0}}), base, -2}, {bios(0x100, {{1, 12, 0}}), base, -2},
+        // A section no longer than its own header is still a section.
+        {bios(0x100, {{1, 4, 0}, {2, 8, 0}}), bios(0x100, {{1, 4, 0}, {2, 8, 0}}), 0},
     };
     // clang-format on
     for (const auto& r : rows) {
@@ -192,8 +195,19 @@ TEST(BiosConfigComparer, ComparesTheRegionBeforeTheFirstTypeTwoSection) {
         const Observed o = observe([&] { return svfChkBIOSConfFileDiff(a, b); });
         std::fclose(a), std::fclose(b);
         EXPECT_EQ(tuple(o.result, o.leakedMappings + o.leakedDescriptors), tuple(r.result, 0));
-        EXPECT_EQ(&r > rows ? "" : linesInOrder(o.out, {kDbg + "CompSize = 8", kDbg + "CompSize = 14"}), "");
+        if (&r == rows || &r == rows + 8) {  // the walk ends at a type-2 section, or at RecordLen
+            EXPECT_EQ(&r == rows ? linesInOrder(o.out, {kDbg + "CompSize = 8", kDbg + "CompSize = 14",
+                                                        kDbg + "SectionType = 2", kDbg + "break"})
+                                 : linesInOrder(o.out, {kDbg + "CompSize = 8", kDbg + "break"}),
+                      "");
+        }
     }
+    // A section that cannot be skipped is a damaged file as well.
+    writeBytes("/conf/a", base);
+    FILE* a = std::fopen("/conf/a", "rb");
+    const FailCall seek(Call::Fseek, EIO, "/conf/a", 2);
+    EXPECT_EQ(captureOutput([&] { EXPECT_EQ(svfChkBIOSConfFileDiff(a, a), -2); }).err, "");
+    std::fclose(a);
 }
 
 // ---- FRU backup and restore --------------------------------------------------------

@@ -123,6 +123,7 @@ const SetCase kSetCases[] = {
     {ST_COMPLETION_AND_GENERATED, SVP_RESTORE_FAIL_OK, ST_FAIL, 0xFF, kForced, "peration == BMC_FORCE_FAIL > ST_FAIL"},
     {ST_GENERATED, BMC_START, ST_FAIL, 0xFF, kForced, "peration == BMC_FORCE_FAIL > ST_FAIL"},
     {0x42, BMC_GENERATE_EVENT, ST_FAIL, 0xFF, kForced, "peration == BMC_FORCE_FAIL > ST_FAIL"},
+    {ST_NOTHING, 0, ST_FAIL, 0xFF, kForced, "peration == BMC_FORCE_FAIL > ST_FAIL"},  // no operation code
 };
 // clang-format on
 

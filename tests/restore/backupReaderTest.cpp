@@ -130,7 +130,11 @@ TEST(BackupReader, SplitThenExtractBlockByBlock) {
     EXPECT_EQ(readBytes("/var/brask/BMC.bak-1"), Bytes{});
 
     writeBytes(kBackup, sampleBackup());
-    ASSERT_EQ(split(kWeb), 0);
+    const std::string dbg = "BRASK_DEBUG  : svfBraskArchiver(#) : ";
+    const Observed splitWhole = observe([] { return long{split(kWeb)}; });
+    ASSERT_EQ(splitWhole.result, 0);
+    EXPECT_EQ(linesInOrder(splitWhole.out, {dbg + "Check sum Good", dbg + "Block# = 0", dbg + "Block# = 1"}),
+              "");
     EXPECT_EQ(readBytes("/var/brask/BMC.bak-0"), sampleBlocks()[0]);
     EXPECT_EQ(readBytes("/var/brask/BMC.bak-1"), sampleBlocks()[1]);
     writeFile("/conf/resolv.conf", "old\n");
@@ -150,7 +154,9 @@ TEST(BackupReader, SplitThenExtractBlockByBlock) {
         writeFile("/conf/interfaces", "live\n");
         writeFile("/conf/back_interfaces", "kept aside\n");
         hostSetMaintenanceMode(maintenance ? 1 : 0);
-        ASSERT_EQ(svfExtractBraskArchiveblock(BMC_FILE, 2), 0);
+        const Observed extracted = observe([] { return long{svfExtractBraskArchiveblock(BMC_FILE, 2)}; });
+        ASSERT_EQ(extracted.result, 0);
+        EXPECT_EQ(linesInOrder(extracted.out, {dbg + "START_svfExtractBraskArchiveblock"}), "");
         EXPECT_EQ(readFile("/conf/resolv.conf"), "restored\n");
         EXPECT_EQ(readFile("/conf/interfaces"), maintenance ? "live\n" : "kept aside\n");
         EXPECT_EQ(exists("/conf/back_interfaces"), maintenance);

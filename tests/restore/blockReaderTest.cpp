@@ -107,8 +107,10 @@ const std::vector<BlockCase>& cases() {
         {"interfaces kept as they are in maintenance mode", {{kInterfaces, "live\n"}},
          [] { return block({entry(kInterfaces, "archived\n", 0100600)}); },
          0, {}, {{kInterfaces, "live\n", 0666}}, false, true},
-        {"interfaces restored otherwise", {{kInterfaces, "live\n"}},
-         [] { return block({entry(kInterfaces, "archived\n")}); }, 0, {}, {{kInterfaces, "archived\n", 0644}}},
+        // A temporary an interrupted restore left of this block's rows goes.
+        {"interfaces restored otherwise", {{kInterfaces, "live\n"}, {"/conf/.resolv.conf.svf-new", "stale"}},
+         [] { return block({entry(kInterfaces, "archived\n")}); }, 0, {},
+         {{kInterfaces, "archived\n", 0644}, {"/conf/.resolv.conf.svf-new", std::nullopt}}},
         {"part restore takes only the catalogue's ranges", {{kPmConfig, "abcdefghijklmnop"}},
          [] { return block({entry(kPmConfig, "ABCDEFGHIJKLMNOP", 0100600)}); },
          0, {}, {{kPmConfig, "ABcdEFGHIjklmnop", 0600}}, true},
@@ -169,12 +171,14 @@ TEST(BlockReader, EachRowRestoresOrRefusesAsItSays) {
         const Tree before = snapshotTree({"/conf"});
         std::optional<FailCall> fault;
         if (c.failTempWrite) fault.emplace(Call::Write, EIO, "/conf/BMC1/.PMConfig.dat");
+        const WriteLikeCounter flushes("/conf");
         const Observed got = observe([&] {
             return c.partRow ? long{archive::extractArchive(partCatalogue(), kBlockFile, 1)}
                              : extract(kBlockFile, 1);
         });
         fault.reset();
         EXPECT_EQ(got.result, c.result);
+        EXPECT_EQ(flushes.violations(), std::vector<Violation>{});  // every file flushed before its rename
         std::string err;
         for (const std::string& line : c.err) err += "BRASK_ERR  : svfBraskArchiver(#) : " + line + "\n";
         EXPECT_EQ(got.err, err);
@@ -266,6 +270,9 @@ TEST(Capability, FailsOnWriteFlushOrShortFile) {
         EXPECT_EQ(got.result, -1);
         EXPECT_EQ(got.out, "BRASK_DEBUG  : svfBraskArchiver(#) : svfUpdateBMCCapability fwrite fail\n");
     }
+    // Only the first record of a longer file is read.
+    writeFile(kCapability, std::string(2 * sizeof whole, 'c'));
+    EXPECT_EQ(svfUpdateBMCCapability(&whole), 0);
     writeFile(kCapability, std::string(50, 'x'));
     INI_BMC_CAPABILITY_T c{};
     EXPECT_EQ(svfReadBMCCapability(&c), -1);
@@ -294,7 +301,9 @@ TEST(EepromRestore, WritesOnlyTheFirstTenBytesOfAWholeFile) {
         EXPECT_EQ(eeprom(0x7800, 0x20), blank);
 
         writeBytes(c.path, bytesOf("0123456789ab"));
-        EXPECT_EQ(c.restore(), 0);
+        const Observed restored = observe([&] { return long{c.restore()}; });
+        EXPECT_EQ(restored.result, 0);
+        EXPECT_EQ(restored.err, "");
         EXPECT_EQ(eeprom(c.offset - 1, 12), bytesOf("\xff"
                                                     "0123456789"
                                                     "\xff"));  // blank on each side
