@@ -2,7 +2,6 @@
 // the copy command and the ".bak" naming rule, the block and backup writers
 // (their files compared byte for byte with the suites' builders) and the
 // identity a backup records.
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,18 +9,11 @@
 #include <optional>
 #include <tuple>
 
-#include "BraskSvf/hostPlatformControl.h"
-#include "BraskSvf/svfApi.h"
 #include "archive/fileUtils.h"
 #include "archive/format.h"
 #include "archive/writers.h"
 #include "common/diag.h"
-#include "support/builders.h"
-#include "support/interpose.h"
-#include "support/observe.h"
-#include "support/sandbox.h"
-#include "support/scenario.h"
-#include "support/transcript.h"
+#include "support/suite.h"
 
 namespace brask::test {
 namespace {

@@ -1,7 +1,6 @@
 // The backup side: change detection with its comparers, the FRU carried to
 // and from its backup file, and Set Backup Event.  Each row is one case's
 // whole story.
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,15 +9,8 @@
 #include <cstdio>
 #include <tuple>
 
-#include "BraskSvf/hostPlatformControl.h"
-#include "BraskSvf/svfApi.h"
 #include "common/eventCodes.h"
-#include "support/builders.h"
-#include "support/interpose.h"
-#include "support/observe.h"
-#include "support/sandbox.h"
-#include "support/scenario.h"
-#include "support/transcript.h"
+#include "support/suite.h"
 
 namespace brask::test {
 namespace {

@@ -1,19 +1,12 @@
 // The event side: Get Backup/Restore Event and its trace ring, the state
 // machine applied to a status byte, the processing flags and the status-area
 // lock handed to other components.
-#include <gtest/gtest.h>
 
 #include <cstring>
 #include <ctime>
 #include <tuple>
 
-#include "BraskSvf/hostPlatformControl.h"
-#include "BraskSvf/svfApi.h"
-#include "support/builders.h"
-#include "support/observe.h"
-#include "support/sandbox.h"
-#include "support/scenario.h"
-#include "support/transcript.h"
+#include "support/suite.h"
 
 namespace brask::test {
 namespace {

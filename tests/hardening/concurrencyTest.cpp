@@ -3,7 +3,6 @@
 // operations to their own status bytes.  Nothing may deadlock, no status
 // operation may be lost or overwritten, and the trace ring that every query
 // appends to must hold exactly one whole record per query.
-#include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,14 +14,10 @@
 #include <functional>
 #include <vector>
 
-#include "BraskSvf/hostPlatformControl.h"
-#include "BraskSvf/svfApi.h"
-#include "BraskSvf/svfPlatform.h"
 #include "common/eventCodes.h"
 #include "common/paths.h"
 #include "hardeningSupport.h"
-#include "support/sandbox.h"
-#include "support/scenario.h"
+#include "support/suite.h"
 
 namespace brask::test {
 namespace {

@@ -3,20 +3,16 @@
 // and error line (or, given room, succeeds), never crashes, holds nothing
 // afterwards, starts no countdown, and a failed backup leaves the previous
 // web backup as it was.
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
 #include <string>
 #include <vector>
 
-#include "BraskSvf/svfApi.h"
 #include "common/paths.h"
 #include "hardeningSupport.h"
-#include "support/sandbox.h"
-#include "support/scenario.h"
+#include "support/suite.h"
 #include "support/tinyMount.h"
-#include "support/tree.h"
 
 namespace brask::test {
 namespace {

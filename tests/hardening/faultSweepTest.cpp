@@ -11,7 +11,6 @@
 // Give-back calls (release, destroy, free) are made to report failure after
 // doing their work: one that fails without giving back leaves the resource
 // with the platform, and no caller could (or should) undo it.
-#include <gtest/gtest.h>
 
 #include <cstdio>
 #include <fstream>
@@ -22,14 +21,9 @@
 #include <string>
 #include <vector>
 
-#include "BraskSvf/hostPlatformControl.h"
-#include "BraskSvf/svfApi.h"
 #include "common/eventCodes.h"
 #include "hardeningSupport.h"
-#include "support/interpose.h"
-#include "support/sandbox.h"
-#include "support/transcript.h"
-#include "support/tree.h"
+#include "support/suite.h"
 
 namespace brask::test {
 namespace {

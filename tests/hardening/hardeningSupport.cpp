@@ -1,19 +1,13 @@
 #include "hardeningSupport.h"
+#include "support/suite.h"
 
-#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 
-#include "BraskSvf/hostPlatformControl.h"
-#include "BraskSvf/svfApi.h"
-#include "BraskSvf/svfPlatform.h"
 #include "common/paths.h"
-#include "support/sandbox.h"
-#include "support/scenario.h"
-#include "support/tree.h"
 
 namespace brask::test {
 namespace {

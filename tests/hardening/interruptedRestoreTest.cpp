@@ -3,7 +3,6 @@
 // path is left as it was before or as a complete restore leaves it (content,
 // mode and owner), never torn, and the next restore finishes the job
 // without a temporary left behind.
-#include <gtest/gtest.h>
 #include <sys/statvfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,13 +10,9 @@
 #include <cstdio>
 #include <string>
 
-#include "BraskSvf/svfApi.h"
 #include "hardeningSupport.h"
-#include "support/interpose.h"
-#include "support/scenario.h"
+#include "support/suite.h"
 #include "support/tinyMount.h"
-#include "support/transcript.h"
-#include "support/tree.h"
 
 namespace brask::test {
 namespace {

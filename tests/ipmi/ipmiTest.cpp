@@ -1,6 +1,5 @@
 // The library hosted by ipmi_sim, run inside the test's sandbox and driven
 // only through ipmitool over RMCP+ on the loopback address.
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,8 +10,7 @@
 #include <string>
 #include <thread>
 
-#include "support/sandbox.h"
-#include "support/scenario.h"
+#include "support/suite.h"
 
 namespace brask::test {
 namespace {

@@ -5,20 +5,12 @@
 // their own (header checksum, model, data revision, file type, version) are
 // its rows only, which see the reader's code and line as well; the accepted
 // request is the round trip's (planTest).
-#include <gtest/gtest.h>
 
 #include <cstdio>
 #include <cstring>
 
-#include "BraskSvf/hostPlatformControl.h"
-#include "BraskSvf/svfApi.h"
 #include "common/eventCodes.h"
-#include "support/builders.h"
-#include "support/observe.h"
-#include "support/sandbox.h"
-#include "support/scenario.h"
-#include "support/transcript.h"
-#include "support/tree.h"
+#include "support/suite.h"
 
 namespace brask::test {
 namespace {

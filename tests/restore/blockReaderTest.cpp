@@ -7,7 +7,6 @@
 // Then what a block's files restore beyond themselves (owners, the FRU, the
 // EEPROM images), the capability record's own failures, and the recovery of
 // backup copies.
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -15,16 +14,9 @@
 #include <optional>
 #include <set>
 
-#include "BraskSvf/hostPlatformControl.h"
-#include "BraskSvf/svfApi.h"
 #include "archive/catalogue.h"
 #include "archive/readers.h"
-#include "support/builders.h"
-#include "support/interpose.h"
-#include "support/observe.h"
-#include "support/sandbox.h"
-#include "support/scenario.h"
-#include "support/tree.h"
+#include "support/suite.h"
 
 namespace brask::test {
 namespace {

@@ -5,7 +5,6 @@
 // leaves, file by file; where the backup is the one just taken, that is
 // the backed-up /conf again.  Then the tick on its own: both countdowns in
 // order and each path of the deferred restore.
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <chrono>
@@ -13,17 +12,10 @@
 #include <set>
 #include <thread>
 
-#include "BraskSvf/hostPlatformControl.h"
-#include "BraskSvf/svfApi.h"
-#include "BraskSvf/svfPlatform.h"
 #include "command/kvmStopChild.h"
 #include "common/paths.h"
 #include "restorePreview.h"
-#include "support/builders.h"
-#include "support/observe.h"
-#include "support/sandbox.h"
-#include "support/scenario.h"
-#include "support/tree.h"
+#include "support/suite.h"
 
 namespace brask::test {
 namespace {

@@ -3,16 +3,9 @@
 // exactly the call they name, and the crash points and write counts tests
 // rely on.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/wait.h>
 
-#include "BraskSvf/hostPlatformControl.h"
-#include "BraskSvf/svfApi.h"
-#include "BraskSvf/svfPlatform.h"
-#include "support/interpose.h"
-#include "support/sandbox.h"
-#include "support/scenario.h"
-#include "support/transcript.h"
+#include "support/suite.h"
 
 namespace brask::test {
 namespace {

@@ -2,16 +2,11 @@
 // sandbox.  What a mode shows comes from the library (format layer, restore
 // plan, event flows) and is tested by its suites; these check that the tools
 // show it.  Rerun with BRASK_SHOW_GOLDEN=1 to see each output whole.
-#include <gtest/gtest.h>
 
 #include <iostream>
 #include <regex>
 
-#include "support/builders.h"
-#include "support/sandbox.h"
-#include "support/scenario.h"
-#include "support/transcript.h"
-#include "support/tree.h"
+#include "support/suite.h"
 
 namespace brask::test {
 namespace {
