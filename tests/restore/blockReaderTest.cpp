@@ -214,7 +214,9 @@ TEST(BlockReader, DeleteFirstRowsAreRemovedUnlessTheBlockCarriesThem) {
     const std::set<std::string> kept = {doomed[0], doomed[30], doomed.back()};
     writeBytes(kBlockFile, block({entry(doomed[0], "archived"), entry(doomed[30], "archived"),
                                   entry(doomed.back(), "archived")}));
-    ASSERT_EQ(extract(kBlockFile, 1), 0);
+    const Observed got = observe([] { return extract(kBlockFile, 1); });
+    ASSERT_EQ(got.result, 0);
+    EXPECT_EQ(linesInOrder(got.out, {"BRASK_DEBUG  : svfBraskArchiver(#) : rm " + doomed[1]}), "");
     for (const auto& p : doomed)
         EXPECT_EQ(exists(p) ? readFile(p) : "", kept.count(p) ? "archived" : "") << p;
 }
