@@ -298,6 +298,7 @@ TEST(EepromRestore, WritesOnlyTheFirstTenBytesOfAWholeFile) {
         const Observed restored = observe([&] { return long{c.restore()}; });
         EXPECT_EQ(restored.result, 0);
         EXPECT_EQ(restored.err, "");
+        EXPECT_EQ(restored.out.find("error"), std::string::npos) << restored.out;
         EXPECT_EQ(eeprom(c.offset - 1, 12), bytesOf("\xff"
                                                     "0123456789"
                                                     "\xff"));  // blank on each side
