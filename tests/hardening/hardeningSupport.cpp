@@ -1,5 +1,4 @@
 #include "hardeningSupport.h"
-#include "support/suite.h"
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -8,6 +7,7 @@
 #include <cstdio>
 
 #include "common/paths.h"
+#include "support/suite.h"
 
 namespace brask::test {
 namespace {
