@@ -91,7 +91,8 @@ TEST(FileUtils, SumCopyAndNaming) {
         {svfGetBackupFileName, "net.cfg", "", -1, "", "strrchr fail(2)"},
         {svfGetBackupFileName, p147 + "pp", "", -1, "", "path too long for .bak"},
         {svfGetActiveFilePass, "/conf/x.bak.d/y.bak", "", 0, "/conf/x", ""},  // the first ".bak"
-        {svfGetActiveFilePass, "/conf/passwd", "", -1, "/conf/passwd", ".bak Unmatch"}};
+        {svfGetActiveFilePass, "/conf/passwd", "", -1, "/conf/passwd", ".bak Unmatch"},
+        {svfGetActiveFilePass, p147 + "ppppp.bak", "", -1, "", "path too long"}};
     for (auto [fn, in, dst, result, out, err] : cases) {
         char buf[320] = {};
         const bool copy = fn == svfExeCopyCmd;

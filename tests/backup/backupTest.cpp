@@ -104,7 +104,7 @@ const DiffRow kDiffRows[] = {
     {"users: role", [] { flip(bak(kUsers), 72); }, 1, usersBak(72), "", kDbg + "DIFF user[1].role_value"},
     {"users: header", [] { flip(bak(kUsers), 0); }, 1, usersBak(0), "", kDbg + "CALL svfChkBmcUserInfoDiff"},
     {"users: record header", [] { flip(bak(kUsers), 126); }, 1, usersBak(126), "", kDbg + "RetVal = 1"},
-    {"users: uid", [] { flip(bak(kUsers), 68); }, 1, usersBak(68)},
+    {"users: uid", [] { flip(bak(kUsers), 68); }, 1, usersBak(68), "", kDbg + "DIFF user[1].bmcUid"},
     {"users: reserved", [] { flip(bak(kUsers), 10); }, 1, usersBak(10)},
     {"users: hash", [] { flip(bak(kUsers), 151); }, 1, usersBak(151)},
     {"users: logins", [] { flip(bak(kUsers), 9), flip(bak(kUsers), 92); }, 0, "", "", kDbg + "RetVal = 0"},
@@ -265,6 +265,8 @@ const FruRow kFruRows[] = {
     {"restore without a file", restore, {}, [] {}, -1, kRs + "file open error(2)\n", {}},
     {"restore of a short header", restore, Bytes(9, 0), [] {}, -64, kRs + "read error(0)\n", {}},
     {"restore of too little data", restore, fruFile(kSaved, 10, 300), [] {}, -64, kRs + "error(0)\n", {}},
+    {"restore, file not closed", restore, kSaved, [] {}, 0, kRs + "file close error(5)\n", Accesses{{18, 0, 255}, {18, 255, 45}}, {}, "", Fault{Call::Fclose, kFru}},
+    {"restore of too little data, not closed", restore, fruFile(kSaved, 10, 300), [] {}, -64, kRs + "error(0)\n" + kRs + "file close error(5)\n", {}, {}, "", Fault{Call::Fclose, kFru}},
     {"restore of a huge Size", restore, fruFile(kSaved, 10, 65536), [] {}, -64, kRs + "size error(65536)\n", {}},
     {"restore from a folder", restore, {}, [] { ::mkdir(kFru, 0755); }, -64, "", {}},
 };
@@ -355,6 +357,7 @@ TEST(SetBackupEvent, MakesTheWebConsoleBackupOrSaysWhyNot) {
             EXPECT_EQ(linesInOrder(o.out, {step + "START", step + "BMC BACKUP",
                                            exists(kFru) ? kDbg + "cp " + kFru + " " + bak(kFru)
                                                         : step + "svfChkBackupFileDiff(BMC_FILE) = 0",
+                                           kDbg + "START_svfCreateBraskArchive",
                                            step + "svfCreateBraskBackupFile(BMC_FILE) = 0",
                                            step + "mv /var/brask/BMC.bak /var/brask/BmcWeb.bak"}),
                       "");

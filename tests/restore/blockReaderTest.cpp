@@ -113,6 +113,9 @@ const std::vector<BlockCase>& cases() {
         {"a missing part-restored file is made whole, shorter than its ranges or not", {{kPmConfig, ""}},
          [] { return block({entry(kPmConfig, "ABC", 0100640), entry(kHid, "after\n")}); },
          0, {}, {{kPmConfig, "ABC", 0640}}, true},
+        {"a stored name ends at its first NUL", {{kResolv, "old\n"}},
+         [] { StoredEntry e = entry(kResolv, "new\n"); e.name += std::string("\0.d", 3); return block({e}); },
+         0, {}, {{kResolv, "new\n"}}},
         {"uncatalogued targets are skipped, never written", {{kResolv, "old\n"}},
          [] { return block({entry("/conf/../etc/passwd", "evil\n"), entry("/conf/brask/unknown.dat", "x"),
                             entry("/conf/" + std::string(141, 'n'), "x"), entry(kResolv, "new\n")}); },
@@ -151,6 +154,9 @@ const std::vector<BlockCase>& cases() {
 // clang-format on
 
 TEST(BlockReader, EachRowRestoresOrRefusesAsItSays) {
+    const Observed unnamed = observe([] { return long{svfExtractBraskArchive(BMC_FILE, nullptr, 1)}; });
+    EXPECT_EQ(unnamed.result + unnamed.leakedDescriptors, -1);
+    EXPECT_EQ(unnamed.err, "BRASK_ERR  : svfBraskArchiver(#) : Parameter Out Of Range\n");
     for (const BlockCase& c : cases()) {
         SCOPED_TRACE(c.what);
         resetState();

@@ -6,6 +6,10 @@
 // the backed-up /conf again.  Then the tick on its own: both countdowns in
 // order and each path of the deferred restore.
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
 #include <algorithm>
 #include <chrono>
 #include <functional>
@@ -133,6 +137,23 @@ TEST(Timer, IniTimerDropsPendingRestoreAndReboot) {
     EXPECT_EQ(got.out + got.commands, "");  // an idle tick prints and runs nothing
 }
 
+// Stop scripts that cannot end yet (the command log is a FIFO nobody reads):
+// the table of children keeps the newest sixteen and never grows past them.
+TEST(Timer, KvmStopChildrenStayBounded) {
+    resetState();
+    std::remove(kCommandLog);
+    ASSERT_EQ(::mkfifo(kCommandLog, 0666), 0);
+    std::vector<pid_t> children;
+    for (int i = 0; i < 17; ++i) children.push_back(restore::startKvmServersStop());
+    EXPECT_EQ(restore::pendingKvmServersStop(), 16);
+    const int reader = ::open(kCommandLog, O_RDONLY | O_NONBLOCK);  // lets them write and end
+    for (const pid_t pid : children) EXPECT_EQ(::waitpid(pid, nullptr, 0), pid);
+    restore::reapKvmServersStop();
+    EXPECT_EQ(restore::pendingKvmServersStop(), 0);
+    ::close(reader);
+    std::remove(kCommandLog);
+}
+
 struct DeferredCase {
     const char* name;
     svfRestoreType_T pending;
@@ -158,6 +179,8 @@ const DeferredCase kDeferred[] = {
     {"SvpBmcNoMutex", {1, 1, 0}, [] { hostFailCall("hslCreateMutex", 2, 1, ENOMEM); }, true, 0, {}, 30, -1, 0, true},
     // Requesters 3 to 5 have status bytes 6 to 11: F * 2 + FT names one of them.
     {"Function4Bmc", {1, 4, 0}, [] { setStatusByte(9, ST_PROCESSING); }, true, 0, {0x29}, 0, 9, ST_COMPLETION, true},
+    // Requester 6 has no status byte: the one after the twelve stays as it is.
+    {"Function6Efi", {0, 6, 0}, [] { setStatusByte(12, ST_PROCESSING); }, false, 0, {0x2C}, 0, 12, ST_PROCESSING, true},
     {"WebBmcFlagFails", {1, 2, 0}, [] { hostFailCall("hslCreateMutex", 0, 1, ENOMEM); }, true, 0, {0x35}, 1, -1, 0, false},
 };
 // clang-format on
@@ -190,7 +213,7 @@ TEST(Timer, DeferredRestoreFollowsItsPath) {
         EXPECT_EQ(selEvents(), c.sel);
         EXPECT_EQ(gRebootAfterRestoreTimer, std::max(c.reboot - 1, 0));
         if (c.slot >= 0) {
-            EXPECT_EQ(a.svf.svfStatusList[c.slot], c.slotAfter);
+            EXPECT_EQ(reinterpret_cast<const INT8U*>(&a.svf)[c.slot], c.slotAfter);
         }
         EXPECT_EQ(hostApplyTimeInfoCount() - timeCalls, c.timeApplied ? 1 : 0);
         EXPECT_EQ(hostUpdateScheduleCount() - scheduleCalls, c.timeApplied ? 1 : 0);

@@ -38,7 +38,7 @@ void resetState() {
 void setStatusByte(unsigned index, std::uint8_t state) {
     hslSemiVolatileArea_T area{};
     const bool read = hostSemiVolRead(&area) == 0;
-    if (read) area.svf.svfStatusList[index] = state;
+    if (read) reinterpret_cast<std::uint8_t*>(&area.svf)[index] = state;  // 12: the byte after the list
     if (!read || hostSemiVolWrite(&area) != 0) {
         std::fprintf(stderr, "setStatusByte: the host's status area cannot be read or written\n");
         std::abort();
