@@ -106,11 +106,11 @@ TEST(FileUtils, SumCopyAndNaming) {
         const std::string keys = "/conf/brask/bum_home/bmcuser" + std::to_string(user) + "/sshpubkey4";
         EXPECT_NE(catalogue::find(catalogue::select(2), keys), nullptr) << keys;
     }
-    // A diagnostic line is cut to 2046 characters and its line feed.
+    // A diagnostic line, its tag included, is cut to 2046 characters and its line feed.
     for (const std::size_t n : {2047, 2048, 5000}) {
         const std::string text(n, 'x');
-        EXPECT_EQ(captureOutput([&] { diag::plainError("%s", text.c_str()); }).err,
-                  text.substr(0, 2046) + "\n");
+        EXPECT_EQ(captureOutput([&] { diag::error("unit", 7, "%s", text.c_str()); }).err,
+                  ("BRASK_ERR  : unit(7) : " + text).substr(0, 2046) + "\n");
     }
     // A short write carries on where it stopped; one that writes nothing gives up.
     for (const auto& [err, wrote, left] : {tuple(0, 3L, "def\n"), tuple(EINTR, 0L, "")}) {

@@ -354,13 +354,14 @@ TEST(SetBackupEvent, MakesTheWebConsoleBackupOrSaysWhyNot) {
         EXPECT_EQ(tuple(o.result, res[0], o.sel, ours(o.out + o.err), readFile(kWebBak) != "previous"),
                   tuple(1, code, sel, problems, made));
         if (made) {  // each step reports its result; the FRU's backup file was made anew, so its copy too
-            EXPECT_EQ(linesInOrder(o.out, {step + "START", step + "BMC BACKUP",
-                                           exists(kFru) ? kDbg + "cp " + kFru + " " + bak(kFru)
-                                                        : step + "svfChkBackupFileDiff(BMC_FILE) = 0",
-                                           kDbg + "START_svfCreateBraskArchive",
-                                           step + "svfCreateBraskBackupFile(BMC_FILE) = 0",
-                                           step + "mv /var/brask/BMC.bak /var/brask/BmcWeb.bak"}),
-                      "");
+            EXPECT_EQ(
+                linesInOrder(o.out, {step + "START", step + "BMC BACKUP",
+                                     exists(kFru) ? kDbg + "cp " + kFru + " " + bak(kFru)
+                                                  : step + "svfChkBackupFileDiff(BMC_FILE) = 0",
+                                     kDbg + "START_svfCreateBraskArchive", kDbg + "FileHeader.FwType = 1",
+                                     step + "svfCreateBraskBackupFile(BMC_FILE) = 0",
+                                     step + "mv /var/brask/BMC.bak /var/brask/BmcWeb.bak"}),
+                "");
         }
         svfIniTimer();
     }
