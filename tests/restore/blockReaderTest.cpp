@@ -276,7 +276,9 @@ TEST(Capability, FailsOnWriteFlushOrShortFile) {
     writeFile(kCapability, std::string(50, 'x'));
     INI_BMC_CAPABILITY_T c{};
     EXPECT_EQ(svfReadBMCCapability(&c), -1);
-    EXPECT_EQ(svfUpdateBMCCapability(&c), -1);
+    const Observed shortFile = observe([&] { return long{svfUpdateBMCCapability(&c)}; });
+    EXPECT_EQ(shortFile.result, -1);
+    EXPECT_EQ(shortFile.out, "BRASK_DEBUG  : svfBraskArchiver(#) : svfUpdateBMCCapability fread fail\n");
     EXPECT_EQ(readFile(kCapability), std::string(50, 'x'));
 }
 
