@@ -138,7 +138,7 @@ TEST(Timer, IniTimerDropsPendingRestoreAndReboot) {
 }
 
 // Stop scripts that cannot end yet (the command log is a FIFO nobody reads):
-// the table of children keeps the newest sixteen and never grows past them.
+// the table of children holds sixteen at most, and forgets those that ended.
 TEST(Timer, KvmStopChildrenStayBounded) {
     resetState();
     std::remove(kCommandLog);
@@ -169,7 +169,7 @@ struct DeferredCase {
     INT8U flagAfter;  // the restore flag of the file type afterwards
     std::vector<std::uint8_t> sel;
     INT8U reboot;  // the reboot countdown the restore sets
-    int slot;      // status slot to check, -1 none
+    int slot;      // status byte to check (12: the one after the list), -1 none
     INT8U slotAfter;
     bool timeApplied;
 };
